@@ -1,0 +1,30 @@
+// The manager's live engines, and which engine repairs which extension.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "AdvanceRepairBase.h"
+
+class RepairLog;
+
+// MP4-family files are not repaired here (letter case ignored).
+bool IsRefusedExtension(const std::wstring& extension);
+
+class EngineRegistry {
+public:
+    // Reuses an engine whose format name equals the extension (case ignored), or
+    // creates the engine of the extension table (case exact) and hands it the log.
+    IAdvanceVideoRepair* Select(const std::wstring& extension, RepairLog* log);
+
+    // Calls fn on every engine, in creation order. Safe while another thread selects.
+    void ForEach(const std::function<void(AdvanceRepairBase&)>& fn);
+    size_t Count();
+
+private:
+    std::mutex listLock_;  // guards the list only; never held while an engine works
+    std::vector<std::unique_ptr<AdvanceRepairBase>> engines_;
+};

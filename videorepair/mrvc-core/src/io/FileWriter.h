@@ -1,0 +1,34 @@
+// Sequential output through one buffer; bulk data passes in pieces of at most 1 MiB.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class FileWriter {
+public:
+    static constexpr size_t kPieceBytes = 1048576;
+
+    FileWriter() = default;
+    ~FileWriter();
+    FileWriter(const FileWriter&) = delete;
+    FileWriter& operator=(const FileWriter&) = delete;
+
+    bool Create(const std::wstring& path);  // write-only, created, binary, shared
+    bool Write(const void* data, size_t n);
+    bool WriteU32LE(uint32_t value);
+    // Rewrites bytes already written (flushes first); the position stays at the end.
+    bool PatchAt(int64_t offset, const void* data, size_t n);
+    int64_t Written() const { return written_; }
+    bool Ok() const { return ok_; }
+    bool Close();  // flushes; false if any write failed
+
+private:
+    bool Flush();
+
+    int fd_ = -1;
+    std::vector<uint8_t> buffer_;
+    int64_t written_ = 0;
+    bool ok_ = true;
+};
