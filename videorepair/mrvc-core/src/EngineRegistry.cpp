@@ -5,14 +5,9 @@
 
 namespace {
 
-struct EngineRow {
-    const wchar_t* extension;
-    AdvanceRepairBase* (*create)();
-};
-
 // Tested in this order, with the extension's letter case exact. A row whose
 // engine is not built yet creates nothing.
-const EngineRow kEngineTable[] = {
+const EngineTable kEngineTable = {
     {L"flv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"avi", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mts", []() -> AdvanceRepairBase* { return nullptr; }},
@@ -30,6 +25,8 @@ const char* const kRefused[] = {"mp4", "mov", "3gp", "3g2", "m4v", "insv", "360"
 
 }  // namespace
 
+const EngineTable& DefaultEngineTable() { return kEngineTable; }
+
 bool IsRefusedExtension(const std::wstring& extension) {
     for (const char* refused : kRefused) {
         if (text::EqualsIgnoreCase(extension, platform::ToWide(refused))) return true;
@@ -42,7 +39,7 @@ IAdvanceVideoRepair* EngineRegistry::Select(const std::wstring& extension, Repai
     for (auto& engine : engines_) {
         if (text::EqualsIgnoreCase(engine->GetFormatName(), extension)) return engine.get();
     }
-    for (const EngineRow& row : kEngineTable) {
+    for (const EngineRow& row : table_) {
         if (extension != row.extension) continue;
         std::unique_ptr<AdvanceRepairBase> engine(row.create());
         if (!engine) return nullptr;

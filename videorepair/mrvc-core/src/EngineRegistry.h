@@ -14,8 +14,20 @@ class RepairLog;
 // MP4-family files are not repaired here (letter case ignored).
 bool IsRefusedExtension(const std::wstring& extension);
 
+// One row of the extension table: an exact extension and the engine it creates.
+struct EngineRow {
+    std::wstring extension;
+    std::function<AdvanceRepairBase*()> create;
+};
+using EngineTable = std::vector<EngineRow>;
+
+// The library's own table (tests may hand a registry another one).
+const EngineTable& DefaultEngineTable();
+
 class EngineRegistry {
 public:
+    explicit EngineRegistry(const EngineTable& table = DefaultEngineTable()) : table_(table) {}
+
     // Reuses an engine whose format name equals the extension (case ignored), or
     // creates the engine of the extension table (case exact) and hands it the log.
     IAdvanceVideoRepair* Select(const std::wstring& extension, RepairLog* log);
@@ -25,6 +37,7 @@ public:
     size_t Count();
 
 private:
+    const EngineTable& table_;
     std::mutex listLock_;  // guards the list only; never held while an engine works
     std::vector<std::unique_ptr<AdvanceRepairBase>> engines_;
 };

@@ -17,6 +17,8 @@ std::wstring WithSuffix(const std::wstring& stem, const std::wstring& extension)
 }
 
 std::wstring Joined(const std::string& directory, const std::wstring& fileName) {
+    // Poco drops a lone "."; keep it so the name says where the file goes.
+    if (directory == ".") return L"./" + fileName;
     Poco::Path path(directory);
     path.makeDirectory();
     path.setFileName(platform::ToNarrow(fileName));

@@ -71,7 +71,7 @@ int32_t VideoRepairManager::Initialize(IVideoRepairObserver* observer, const wch
         {
             std::lock_guard<std::mutex> registryGuard(registryLock_);
             engineRegistry_.reset();
-            engineRegistry_ = std::make_unique<EngineRegistry>();
+            engineRegistry_ = std::make_unique<EngineRegistry>(engineTable_);
         }
         records_.clear();
         return log_ && engineRegistry_ ? 0 : -1;

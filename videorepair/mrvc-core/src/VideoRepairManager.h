@@ -27,7 +27,9 @@ struct EngineStrings {
 
 class VideoRepairManager final : public IVideoRepairManager {
 public:
-    VideoRepairManager() = default;
+    // The engine table is the library's own; tests may hand in another.
+    explicit VideoRepairManager(const EngineTable& engineTable = DefaultEngineTable())
+        : engineTable_(engineTable) {}
     ~VideoRepairManager();
 
     int32_t Initialize(IVideoRepairObserver* observer, const wchar_t* logDirectory,
@@ -68,6 +70,7 @@ private:
     int32_t CopyRepairedFile(const std::wstring& source, const std::wstring& destination,
                              const SaveProgressCallback& callback);
 
+    const EngineTable& engineTable_;
     std::unique_ptr<EngineRegistry> engineRegistry_;
     IVideoRepairObserver* observer_ = nullptr;
     std::atomic<bool> paused_{false};
