@@ -1,20 +1,29 @@
-// Stands in for ffmpeg in tests. "fake_child COUNT CODE [FILE]" writes COUNT bytes
-// (a running counter, so the tail can be checked) half to stdout and half to
-// stderr, creates FILE if given, and exits with CODE.
+// Stands in for ffmpeg in runner tests. Takes ffmpeg's arguments and treats the
+// last one as its output file. Behaviour comes from the environment:
+//   FAKE_CHILD_BYTES  bytes to print ('a' + i % 26), alternating stdout and stderr pieces
+//   FAKE_CHILD_EXIT   exit code (default 0)
+//   FAKE_CHILD_SKIP_OUTPUT  when set, no output file is created
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 int main(int argc, char** argv) {
-    long count = argc > 1 ? std::atol(argv[1]) : 0;
-    int code = argc > 2 ? std::atoi(argv[2]) : 0;
+    const char* bytes = std::getenv("FAKE_CHILD_BYTES");
+    const char* code = std::getenv("FAKE_CHILD_EXIT");
+    long count = bytes ? std::atol(bytes) : 0;
+    std::string piece;
     for (long i = 0; i < count; ++i) {
-        char c = char('a' + (i % 26));
-        std::fputc(c, stdout);
+        piece.push_back(char('a' + i % 26));
+        if (piece.size() == 1000 || i + 1 == count) {
+            // Alternate streams in whole pieces, flushing each, so the merged pipe keeps the order.
+            FILE* stream = (i / 1000) % 2 ? stderr : stdout;
+            std::fwrite(piece.data(), 1, piece.size(), stream);
+            std::fflush(stream);
+            piece.clear();
+        }
     }
-    std::fflush(stdout);
-    if (argc > 3) {
-        if (FILE* f = std::fopen(argv[3], "wb")) std::fclose(f);
+    if (argc > 1 && std::getenv("FAKE_CHILD_SKIP_OUTPUT") == nullptr) {
+        if (FILE* f = std::fopen(argv[argc - 1], "wb")) std::fclose(f);
     }
-    return code;
+    return code ? std::atoi(code) : 0;
 }

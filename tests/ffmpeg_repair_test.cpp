@@ -1,0 +1,147 @@
+// The ffmpeg-only repair and the child-process runner, with the real ffmpeg and
+// with a stand-in child.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+
+#include "FfmpegRunner.h"
+#include "RepairLog.h"
+#include "VideoRepairExport.h"
+#include "IVideoRepairManager.h"
+#include "support/TestSupport.h"
+
+using namespace testing_support;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string SourceClip() {
+    return GeneratedMedia("remux_source.avi", {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=2",
+                                               "-c:v", "mpeg4", "-q:v", "5"});
+}
+
+class FfmpegRepair : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(InitKzVideoRepairLib(&manager_), 0);
+        ASSERT_EQ(manager_->Initialize(&observer_, dir_.wpath().c_str(), dir_.wfile("work").c_str()), 0);
+    }
+    void TearDown() override { manager_->Release(); }
+    std::string Repaired(const std::string& video) {
+        wchar_t path[4096];
+        return manager_->GetRepairedFilePath(path, Wide(video).c_str()) == 0 ? Narrow(path) : std::string();
+    }
+
+    TempDir dir_;
+    RecordingObserver observer_;
+    IVideoRepairManager* manager_ = nullptr;
+};
+
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : name_(name) { setenv(name, value, 1); }
+    ~ScopedEnv() { unsetenv(name_); }
+
+private:
+    const char* name_;
+};
+
+}  // namespace
+
+TEST_F(FfmpegRepair, StreamCopiesIntoTheWorkFolderAndRecordsIt) {
+    std::string source = SourceClip();
+    ASSERT_FALSE(source.empty());
+    std::string input = dir_.file("clip.avi");
+    fs::copy_file(source, input);
+    ASSERT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), 0);
+    EXPECT_EQ(observer_.Events(), (std::vector<std::string>{"start", "p0:5", "p0:100", "finish"}));
+    std::string first = Repaired(input);
+    EXPECT_TRUE(std::regex_match(first, std::regex(".*/work/RepairedVideo/[0-9a-f-]{36}\\.avi"))) << first;
+    EXPECT_EQ(CountDecodedVideoFrames(first), 50);
+    ASSERT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), 0);
+    EXPECT_EQ(fs::directory_iterator(dir_.file("work/RepairedVideo"))->exists(), true);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.file("work/RepairedVideo")), fs::directory_iterator()), 2);
+    EXPECT_EQ(Repaired(input), first);  // the first record wins
+    std::string log = ReadFile(dir_.file("KzVideoRepair.log"));
+    EXPECT_NE(log.find("[INFO] "), std::string::npos);
+    EXPECT_NE(log.find("FfmpegRepair command: \"" + BinDir() + "/ffmpeg\" -y -i \"" + input + "\" -codec copy \""),
+              std::string::npos);
+    EXPECT_NE(log.find("FfmpegRepair stdout/stderr: "), std::string::npos);
+}
+
+TEST_F(FfmpegRepair, NamesWithBlanksAndShellCharactersAreNeverInterpreted) {
+    std::string source = SourceClip();
+    ASSERT_FALSE(source.empty());
+    fs::create_directories(dir_.file("with blanks"));
+    // A shell would create "pwned" in the working directory of the child, which is ours.
+    for (std::string name : {"with blanks/a clip.avi", "$(touch pwned).avi", "a;touch pwned;.avi", "`touch pwned`.avi"}) {
+        std::string input = dir_.file(name);
+        fs::copy_file(source, input);
+        EXPECT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), 0) << name;
+        EXPECT_EQ(CountDecodedVideoFrames(Repaired(input)), 50) << name;
+    }
+    EXPECT_FALSE(fs::exists("pwned"));
+}
+
+TEST_F(FfmpegRepair, AFailingCopyReportsNinetyNineAndLeavesNoRecord) {
+    std::string input = dir_.file("garbage.avi");
+    WriteFile(input, std::string(4096, '\x17'));
+    EXPECT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), -1);
+    EXPECT_EQ(observer_.Events(), (std::vector<std::string>{"start", "p0:5", "p0:99", "finish"}));
+    EXPECT_EQ(Repaired(input), "");
+    EXPECT_TRUE(std::regex_search(ReadFile(dir_.file("KzVideoRepair.log")),
+                                  std::regex(R"(\[ERROR\] .*FfmpegRepair failed, ret: [1-9]\d*\n)")));
+    EXPECT_EQ(ReadFile(input), std::string(4096, '\x17'));
+}
+
+TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {
+    TempDir dir;
+    std::string out;
+    ASSERT_EQ(RunProgram({VR_TEST_ISOLATED_HOST, VR_TEST_LIBRARY_PATH, dir.path(), dir.file("work"),
+                          dir.file("clip.avi")},
+                         &out),
+              0);
+    EXPECT_EQ(out, "rc=-1 events=start,finish,\n");
+    std::string isolated = fs::path(VR_TEST_ISOLATED_HOST).parent_path().string();
+    EXPECT_NE(ReadFile(dir.file("KzVideoRepair.log")).find("FfmpegRepair failed, ffmpeg missing: " + isolated + "/ffmpeg"),
+              std::string::npos);
+}
+
+TEST(RunCommand, KeepsExactlyTheNewest64KiBOfMergedOutput) {
+    ScopedEnv bytes("FAKE_CHILD_BYTES", "100000");
+    std::string output;
+    int code = RunCommand(Wide("\"" + BinDir() + "/fake_child\" -y -i \"in put\" \"out\""), output);
+    EXPECT_EQ(code, 0);
+    ASSERT_EQ(output.size(), 65536u);
+    std::string expected;
+    for (long i = 100000 - 65536; i < 100000; ++i) expected.push_back(char('a' + i % 26));
+    EXPECT_EQ(output, expected);
+}
+
+TEST(RunCommand, ExitCodesAndStartFailures) {
+    ScopedEnv code("FAKE_CHILD_EXIT", "3");
+    std::string output;
+    EXPECT_EQ(RunCommand(Wide("\"" + BinDir() + "/fake_child\""), output), 3);
+    EXPECT_EQ(RunCommand(L"\"/no/such/program\" -y", output), -1);
+    EXPECT_EQ(RunCommand(L"", output), -1);
+}
+
+TEST(RunCommand, StreamCopyLogsTheChildsTailAndChecksTheOutputFile) {
+    TempDir dir;
+    RecordingObserver observer;
+    {
+        RepairLog log(0, dir.file("a.log"));
+        ScopedEnv bytes("FAKE_CHILD_BYTES", "100000");
+        EXPECT_EQ(RunStreamCopy(Wide(BinDir() + "/fake_child"), L"/in.avi", dir.wfile("out.avi"), &log, &observer), 0);
+        ScopedEnv skip("FAKE_CHILD_SKIP_OUTPUT", "1");
+        EXPECT_EQ(RunStreamCopy(Wide(BinDir() + "/fake_child"), L"/in.avi", dir.wfile("none.avi"), &log, &observer), -1);
+    }
+    std::string log = ReadFile(dir.file("a.log"));
+    std::string tail;
+    for (long i = 100000 - 65536; i < 100000; ++i) tail.push_back(char('a' + i % 26));
+    EXPECT_NE(log.find("FfmpegRepair stdout/stderr: " + tail + "\n"), std::string::npos);
+    EXPECT_NE(log.find("FfmpegRepair failed, ret: 0\n"), std::string::npos);  // exit 0 but no output file
+    EXPECT_EQ(observer.Events(), (std::vector<std::string>{"p0:5", "p0:100", "p0:5", "p0:100"}));
+}
