@@ -3,9 +3,12 @@
 //   FAKE_CHILD_BYTES  bytes to print ('a' + i % 26), alternating stdout and stderr pieces
 //   FAKE_CHILD_EXIT   exit code (default 0)
 //   FAKE_CHILD_SKIP_OUTPUT  when set, no output file is created
+//   FAKE_CHILD_SLEEP_MS     milliseconds to wait before exiting
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 int main(int argc, char** argv) {
     const char* bytes = std::getenv("FAKE_CHILD_BYTES");
@@ -25,5 +28,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && std::getenv("FAKE_CHILD_SKIP_OUTPUT") == nullptr) {
         if (FILE* f = std::fopen(argv[argc - 1], "wb")) std::fclose(f);
     }
+    if (const char* sleep = std::getenv("FAKE_CHILD_SLEEP_MS"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::atol(sleep)));
     return code ? std::atoi(code) : 0;
 }

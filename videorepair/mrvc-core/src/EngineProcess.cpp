@@ -35,9 +35,12 @@ EngineProcessResult RunEngineProcess(RepairLog* log, const char* logSource, cons
     try {
         // The child's output goes to one pipe that is drained while we poll, so a
         // chatty ffmpeg can never block on a full pipe.
+        // stdin is an empty pipe: ffmpeg must not read keys meant for the host's terminal.
+        Poco::Pipe input;
         Poco::Pipe output;
         Poco::ProcessHandle handle =
-            Poco::Process::launch(platform::ToNarrow(program), args, nullptr, &output, &output);
+            Poco::Process::launch(platform::ToNarrow(program), args, &input, &output, &output);
+        input.close();
         output.close(Poco::Pipe::CLOSE_WRITE);
         result.started = true;
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
