@@ -5,6 +5,10 @@ JOBS ?= $(shell nproc)
 
 .PHONY: all deps configure build test demo bench clean
 
+# Input size per engine for the benchmark (bytes); inputs are cached in ~/.cache/videorepair-bench.
+BENCH_SIZE ?= 1073741824
+BENCH_RUNS ?= 3
+
 all: build
 
 deps:
@@ -21,6 +25,9 @@ test: build
 
 demo: build
 	@bash scripts/demo.sh $(BUILD_DIR)
+
+bench: build
+	@$(BUILD_DIR)/bin/vr_bench --size $(BENCH_SIZE) --runs $(BENCH_RUNS) --out bench/results
 
 clean:
 	rm -rf $(BUILD_DIR)
