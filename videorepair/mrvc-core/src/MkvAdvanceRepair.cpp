@@ -10,10 +10,14 @@
 namespace {
 constexpr int kProgressHead = 5;
 constexpr int kProgressScanEnd = 95;
+// The cluster parser reads element headers and a few bytes of each block, never
+// payloads: a small cache keeps it from copying the whole file a second time.
+constexpr size_t kFollowerCacheBytes = 16u << 10;
 }  // namespace
 
 MkvAdvanceRepair::MkvAdvanceRepair()
-    : AdvanceRepairBase("MkvAdvanceRepair", "videorepair/mrvc-core/src/MkvAdvanceRepair") {}
+    : AdvanceRepairBase("MkvAdvanceRepair", "videorepair/mrvc-core/src/MkvAdvanceRepair"),
+      follower_(kFollowerCacheBytes) {}
 
 MkvAdvanceRepair::~MkvAdvanceRepair() { CloseFiles(); }
 

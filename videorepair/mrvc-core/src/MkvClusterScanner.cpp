@@ -29,11 +29,13 @@ bool MkvClusterScanner::ScanBlock() {
             return false;
         }
         size_t length = std::min(available, size_t(blockEnd - offset));
+        // Ids that start in this block; the window reaches 3 bytes further.
+        size_t window = std::min(available, length + 3);
         for (size_t i = 0; i < length;) {
             const void* hit = std::memchr(data + i, kClusterId[0], length - i);
             if (hit == nullptr) break;
             size_t at = size_t(static_cast<const uint8_t*>(hit) - data);
-            if (at + 4 <= available && std::memcmp(data + at, kClusterId, 4) == 0) {
+            if (at + 4 <= window && std::memcmp(data + at, kClusterId, 4) == 0) {
                 OnCandidate(offset + int64_t(at));
                 data = search_.View(offset, size_t(blockEnd - offset) + 3, available);  // stays resident
             }
