@@ -1,5 +1,6 @@
 #include "EngineRegistry.h"
 
+#include "MkvAdvanceRepair.h"
 #include "TextUtil.h"
 #include "platform/Platform.h"
 
@@ -12,7 +13,7 @@ const EngineTable kEngineTable = {
     {L"avi", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mts", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"m2ts", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"mkv", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mkv", []() -> AdvanceRepairBase* { return new MkvAdvanceRepair(); }},
     {L"mxf", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"klv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"wmv", []() -> AdvanceRepairBase* { return nullptr; }},
