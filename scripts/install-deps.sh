@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
-          googletest libgtest-dev libgmock-dev)
+          googletest libgtest-dev libgmock-dev mkvtoolnix)
 
 missing=()
 for p in "${packages[@]}"; do
