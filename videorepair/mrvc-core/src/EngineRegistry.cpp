@@ -1,6 +1,7 @@
 #include "EngineRegistry.h"
 
 #include "TextUtil.h"
+#include "WmvAdvanceRepair.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -20,8 +21,8 @@ const EngineRow kEngineTable[] = {
     {L"mkv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mxf", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"klv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"wmv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"asf", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"wmv", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
+    {L"asf", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
     {L"mpeg", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mpg", []() -> AdvanceRepairBase* { return nullptr; }},
 };
