@@ -318,3 +318,126 @@ TEST(AsfPacketCarver, FindPacketStart) {
 }
 
 }  // namespace
+
+// ---- the engine on hand-made files ----
+
+#include "RepairLog.h"
+#include "WmvAdvanceRepair.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+using testing_support::ReadFile;
+using testing_support::TempDir;
+using testing_support::Wide;
+
+std::string Str(const Bytes& b) { return std::string(b.begin(), b.end()); }
+
+Bytes HeaderObject(const std::vector<Bytes>& children) {
+    Bytes b;
+    Put(b, kAsfHeaderObject);
+    Put(b, 0, 8);
+    Put(b, children.size(), 4);
+    b.push_back(1);
+    b.push_back(2);
+    for (const Bytes& c : children) b.insert(b.end(), c.begin(), c.end());
+    SetSize(b);
+    return b;
+}
+
+Bytes DataObject(uint64_t packets, const std::vector<Bytes>& contents) {
+    Bytes b;
+    Put(b, kAsfDataObject);
+    Put(b, 50 + packets * kP, 8);
+    b.resize(40, 0);
+    Put(b, packets, 8);
+    Put(b, 0x101, 2);
+    for (const Bytes& c : contents) b.insert(b.end(), c.begin(), c.end());
+    return b;
+}
+
+Bytes AsfFile(const AsfGuid& secondStreamType, uint64_t packets) {
+    Bytes file = HeaderObject({FileProperties(packets, 71000000, 3100),
+                               StreamProperties(kAsfVideoMedia, 1, VideoFormat(44, "WMV2", {1, 2, 3, 4})),
+                               StreamProperties(secondStreamType, 2, WaveFormat(0x161, 0, {}))});
+    Bytes data = DataObject(packets, {SinglePacket(0x81, 8, 0), SinglePacket(2, 8, 0)});
+    file.insert(file.end(), data.begin(), data.end());
+    return file;
+}
+
+class WmvEngine : public ::testing::Test {
+protected:
+    int Repair(const Bytes& damaged, const Bytes& sample) {
+        testing_support::WriteFile(dir.file("d.wmv"), Str(damaged));
+        testing_support::WriteFile(dir.file("s.wmv"), Str(sample));
+        engine.SetLogger(&log);
+        engine.SetVideoPath(Wide(dir.file("d.wmv")), Wide(dir.file("s.wmv")));
+        return engine.Repair();
+    }
+    bool Logged(const std::string& text) { return ReadFile(dir.file("log")).find(text) != std::string::npos; }
+
+    TempDir dir{"wmve"};
+    RepairLog log{0, dir.file("log")};
+    WmvAdvanceRepair engine;
+};
+
+TEST_F(WmvEngine, CarvesTheSamplesStreamsWhenTheHeaderIsGone) {
+    Bytes sample = AsfFile(kAsfAudioMedia, 2);
+    Bytes damaged(777, 0x82);  // a header of garbage and candidates that carve nothing
+    Bytes packets = DataObject(2, {SinglePacket(0x81, 8, 0), SinglePacket(2, 8, 0), SinglePacket(1, 8, 0)});
+    damaged.insert(damaged.end(), packets.begin(), packets.end());
+    ASSERT_EQ(Repair(damaged, sample), 0);
+    ASSERT_EQ(engine.VideoSamples().size(), 2u);
+    EXPECT_EQ(engine.VideoSamples()[0].offset, int64_t(777 + 50 + 27));
+    EXPECT_EQ(engine.AudioSamples().size(), 1u);
+    EXPECT_EQ(engine.ChosenVideoInfo().codec, "WMV2");
+    EXPECT_EQ(engine.ChosenVideoInfo().frameRate, 0.25);  // one sample frame over 7 s - 3 s of preroll
+    EXPECT_TRUE(Logged("[mxf] Video samples counts is: 2"));
+    EXPECT_TRUE(Logged("[Wmv] Video sample Sequence 1: offset:"));
+}
+
+TEST_F(WmvEngine, DamagedFilesOwnStreamsWin) {
+    Bytes damaged = HeaderObject({StreamProperties(kAsfVideoMedia, 3, VideoFormat(40, "WMV1", {})),
+                                  StreamProperties(kAsfAudioMedia, 4, WaveFormat(0x160, 0, {}))});
+    ASSERT_EQ(Repair(damaged, AsfFile(kAsfAudioMedia, 2)), 0);
+    EXPECT_EQ(engine.ChosenVideoInfo().streamNumber, 3);
+    EXPECT_EQ(engine.ChosenVideoInfo().codec, "WMV1");
+    EXPECT_EQ(engine.ChosenAudioInfo().streamNumber, 4);
+    EXPECT_EQ(engine.ChosenAudioInfo().codecName, "wma1");
+}
+
+TEST_F(WmvEngine, NoPacketStartAnywhere) {
+    Bytes damaged(100000, 0x82);
+    for (size_t i = 0; i < damaged.size(); i += 2) damaged[i] = 0x11;
+    ASSERT_EQ(Repair(damaged, AsfFile(kAsfAudioMedia, 2)), 0);
+    EXPECT_TRUE(engine.VideoSamples().empty());
+    EXPECT_TRUE(engine.AudioSamples().empty());
+    std::wstring out;
+    EXPECT_TRUE(engine.GetRepairedVideo(out, Wide(dir.file("d.wmv")), L"", 0).empty());
+    EXPECT_TRUE(Logged("[Wmv] dataList is empty:."));
+    EXPECT_TRUE(Logged("[CTRL] Extract video frames failed, code: -1"));
+}
+
+TEST_F(WmvEngine, BadSamplesFailWithTheirReason) {
+    EXPECT_EQ(Repair(Bytes(10, 0), AsfFile(kAsfAudioMedia, 0)), -1);  // no packets counted
+    EXPECT_TRUE(Logged("no packet size"));
+    EXPECT_TRUE(Logged("[Sprt] parse Sample video failed."));
+
+    AsfGuid other = kAsfAudioMedia;
+    other[15] ^= 1;
+    EXPECT_EQ(Repair(Bytes(10, 0), AsfFile(other, 2)), -1);  // a stream of neither type
+    EXPECT_EQ(Repair(Bytes(10, 0), Bytes(5000, 0x30)), -1);
+    EXPECT_TRUE(Logged("[Sprt] search sample headObject failed."));
+    EXPECT_EQ(Repair(Bytes(10, 0), HeaderObject({FileProperties(2, 71000000, 3100)})), -1);
+    EXPECT_TRUE(Logged("[WMV] search data object failed, offset:."));
+
+    engine.SetVideoPath(Wide(dir.file("d.wmv")), Wide(dir.file("none.wmv")));
+    EXPECT_EQ(engine.Repair(), -1);
+    EXPECT_TRUE(Logged("[Sprt] create sample file stream failed."));
+    engine.SetVideoPath(Wide(dir.file("none.wmv")), Wide(dir.file("s.wmv")));
+    testing_support::WriteFile(dir.file("s.wmv"), Str(AsfFile(kAsfAudioMedia, 2)));
+    EXPECT_EQ(engine.Repair(), -1);
+    EXPECT_TRUE(Logged("[Sprt] create file stream failed."));
+}
+
+}  // namespace
