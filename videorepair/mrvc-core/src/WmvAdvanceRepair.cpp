@@ -29,6 +29,8 @@ constexpr uint32_t kLargestPacketSize = 16u << 20;
 // Time limits, in seconds, after which an ffmpeg run is killed.
 constexpr int kMergeLimitSeconds = 180;
 constexpr int kConvertLimitSeconds = 150;
+// Prefix of the search window looked at first (see FindInWindow).
+constexpr size_t kProbeBytes = 65536;
 // Used when neither the sample nor the damaged file tells the frame rate.
 constexpr double kFallbackFrameRate = 25.0;
 
@@ -220,11 +222,12 @@ void WmvAdvanceRepair::ScanDamaged() {
     damaged_.Seek(0);
     while (damaged_.Position() < fileSize_ && !IsStopRequested()) {
         ReportProgress(Percent(damaged_.Position(), fileSize_));
-        if (!damaged_.Fill()) break;
-        int64_t found = wmv::FindPacketStart(damaged_.Data(), damaged_.Length());
+        size_t window = 0;
+        int64_t found = FindInWindow(window);
+        if (window == 0) break;
         if (found < 0) {
-            skipped += int64_t(damaged_.Length());
-            damaged_.Advance(int64_t(damaged_.Length()));
+            skipped += int64_t(window);
+            damaged_.Advance(int64_t(window));
         } else if (!CarveAt(damaged_.Position() + found)) {
             if (++skipped > kSkippedBytesLimit) {
                 ENGINE_LOG(kLogInfo, "[MXF] Unused size exceed, offset:.", damaged_.Position());
@@ -233,6 +236,22 @@ void WmvAdvanceRepair::ScanDamaged() {
         }
         if (PauseThenShouldStop()) break;
     }
+}
+
+// The first packet start in the search window at the position (min(remaining,
+// 4 MiB) bytes). A short prefix is searched first: the first match there is the
+// window's first match, and a packet-by-packet walk then never makes the reader
+// keep 4 MiB ahead of it resident.
+int64_t WmvAdvanceRepair::FindInWindow(size_t& windowLength) {
+    const size_t window = size_t(std::min<int64_t>(damaged_.Remaining(), PositionedReader::kWindowBytes));
+    size_t got = 0;
+    const uint8_t* probe = damaged_.File().View(damaged_.Position(), std::min(window, kProbeBytes), got);
+    windowLength = got;
+    if (probe == nullptr || got == 0) return -1;
+    int64_t found = wmv::FindPacketStart(probe, got);
+    if (found >= 0 || got == window) return found;
+    windowLength = damaged_.Fill() ? damaged_.Length() : 0;
+    return windowLength > 0 ? wmv::FindPacketStart(damaged_.Data(), damaged_.Length()) : -1;
 }
 
 // Carves the packet at match; on nothing carved, moves on past the match (two
@@ -244,8 +263,14 @@ bool WmvAdvanceRepair::CarveAt(int64_t match) {
     settings.audioStream = sampleAudio_.streamNumber;
     settings.cancelled = [this]() { return IsStopRequested(); };
     damaged_.Seek(match);
-    damaged_.Fill();
-    wmv::CarveResult carved = wmv::CarvePacket(damaged_.Data(), damaged_.Length(), match, settings);
+    // The carving never reads further than this into its window (63 payloads,
+    // each with a header, replicated data and payload of at most a packet), so a
+    // view cut there gives the same records as the whole window.
+    const size_t reach = 64 + 63 * (size_t(packetSize_) * 2 + 17);
+    const size_t window = size_t(std::min<int64_t>(damaged_.Remaining(), PositionedReader::kWindowBytes));
+    size_t length = 0;
+    const uint8_t* data = damaged_.File().View(match, std::min(window, reach), length);
+    wmv::CarveResult carved = wmv::CarvePacket(data, length, match, settings);
     for (const wmv::PayloadRecord& r : carved.records) {
         if (r.streamNumber == chosenVideo_.streamNumber) videoSamples_.push_back(r);
         if (r.streamNumber == chosenAudio_.streamNumber) audioSamples_.push_back(r);
@@ -269,6 +294,7 @@ void WmvAdvanceRepair::LogLists() {
         {"[mxf] Audio samples counts is:", "[Wmv] Audio sample Sequence %d: offset:%lld, size:%lld\n", &audioSamples_},
     };
     for (const Kind& kind : kinds) {
+        if (log_ == nullptr) break;
         ENGINE_LOG(kLogInfo, kind.count, int64_t(kind.list->size()));
         int64_t total = 0;
         char text[160];

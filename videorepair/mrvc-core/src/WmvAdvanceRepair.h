@@ -38,6 +38,7 @@ private:
     void CarveSamplePackets(FileReader& sample, int64_t firstPacket);
     void ChooseStreams();
     void ScanDamaged();
+    int64_t FindInWindow(size_t& windowLength);
     bool CarveAt(int64_t match);
     void LogLists();
     double MergeDuration() const;
