@@ -117,33 +117,28 @@ int WmvAdvanceRepair::ParseSampleVideo() {
         ENGINE_LOG(kLogInfo, "[Sprt] create sample file stream failed.", "");
         return -1;
     }
-    videoSamples_.clear();
-    audioSamples_.clear();
     sampleCount_ = 0;
+    size_t length = 0;
+    const uint8_t* header = sample.View(0, size_t(std::min<int64_t>(sample.Size(), kHeaderWindowBytes)), length);
     int64_t dataAt = -1;
-    if (ReadSampleHeader(sample, dataAt) != 0) return -1;
-    CarveSamplePackets(sample, dataAt + int64_t(wmv::WmvAsfInfoParser::kDataObjectHeaderBytes));
+    if (ReadSampleStreams(header, length, dataAt) != 0 || ReadPacketSize(header, length, dataAt) != 0) return -1;
 
-    const int64_t frames = CountFrames(videoSamples_);
+    const int64_t frames = CountSamplePackets(sample, dataAt + int64_t(wmv::WmvAsfInfoParser::kDataObjectHeaderBytes));
     if (sampleVideo_.durationSeconds != 0) sampleVideo_.frameRate = double(frames) / sampleVideo_.durationSeconds;
     ENGINE_LOG(kLogInfo, "[WMV] sample video frames:", frames);
-    sampleCount_ = int64_t(videoSamples_.size() + audioSamples_.size());
-    // The sample's payloads were only counted; the damaged file's go in the lists.
-    videoSamples_.clear();
-    audioSamples_.clear();
     return 0;
 }
 
-int WmvAdvanceRepair::ReadSampleHeader(FileReader& sample, int64_t& dataAt) {
-    size_t length = 0;
-    const uint8_t* buf = sample.View(0, size_t(std::min<int64_t>(sample.Size(), kHeaderWindowBytes)), length);
+// File Properties and the Stream Properties of the header; dataAt: where the
+// search for the Data Object starts.
+int WmvAdvanceRepair::ReadSampleStreams(const uint8_t* buf, size_t length, int64_t& dataAt) {
     parser_ = std::make_shared<wmv::WmvAsfInfoParser>();
     int64_t headerAt = wmv::WmvAsfInfoParser::FindObject(buf, length, wmv::kAsfHeaderObject);
     if (headerAt < 0 || size_t(headerAt) + 24 > length) {
         ENGINE_LOG(kLogInfo, "[Sprt] search sample headObject failed.", "");
         return -1;
     }
-    const uint64_t headerEnd = wmv::Le64(buf + headerAt + 16);
+    const uint64_t headerEnd = uint64_t(headerAt) + wmv::Le64(buf + headerAt + 16);
     size_t at = size_t(headerAt);
     int64_t found = wmv::WmvAsfInfoParser::FindObject(buf, length, wmv::kAsfFilePropertiesObject);
     if (found > 0) {
@@ -158,20 +153,22 @@ int WmvAdvanceRepair::ReadSampleHeader(FileReader& sample, int64_t& dataAt) {
         at += size_t(found);
         uint64_t size = parser_->ParseStreamProperties(buf + at, length - at);
         if (size == 0) return -1;
-        sampleVideo_ = parser_->VideoInfo();
-        sampleAudio_ = parser_->AudioInfo();
         at += size_t(std::min<uint64_t>(size, length - at));
-        if (sampleVideo_.streamNumber != 0 && sampleAudio_.streamNumber != 0) break;
+        if (parser_->VideoInfo().streamNumber != 0 && parser_->AudioInfo().streamNumber != 0) break;
     }
     sampleVideo_ = parser_->VideoInfo();
     sampleAudio_ = parser_->AudioInfo();
+    dataAt = int64_t(at);
+    return 0;
+}
 
-    found = wmv::WmvAsfInfoParser::FindObject(buf + at, length - at, wmv::kAsfDataObject);
+int WmvAdvanceRepair::ReadPacketSize(const uint8_t* buf, size_t length, int64_t& dataAt) {
+    int64_t found = wmv::WmvAsfInfoParser::FindObject(buf + dataAt, length - size_t(dataAt), wmv::kAsfDataObject);
     if (found < 0) {
-        ENGINE_LOG(kLogInfo, "[WMV] search data object failed, offset:.", int64_t(at));
+        ENGINE_LOG(kLogInfo, "[WMV] search data object failed, offset:.", dataAt);
         return -1;
     }
-    dataAt = int64_t(at) + found;
+    dataAt += found;
     uint32_t packetSize = 0;
     if (!wmv::WmvAsfInfoParser::PacketSize(buf + dataAt, length - size_t(dataAt), packetSize) ||
         packetSize > kLargestPacketSize) {
@@ -182,23 +179,30 @@ int WmvAdvanceRepair::ReadSampleHeader(FileReader& sample, int64_t& dataAt) {
     return 0;
 }
 
-void WmvAdvanceRepair::CarveSamplePackets(FileReader& sample, int64_t firstPacket) {
+// Carves the sample's packets one packet size at a time; counts the records
+// (the sample count) and returns the video frames among them.
+int64_t WmvAdvanceRepair::CountSamplePackets(FileReader& sample, int64_t firstPacket) {
     wmv::CarveSettings settings;
     settings.packetSize = packetSize_;
     settings.videoStream = sampleVideo_.streamNumber;
     settings.audioStream = sampleAudio_.streamNumber;
     const int64_t size = sample.Size();
+    int64_t frames = 0;
+    int64_t previousObject = -1;
     for (int64_t at = firstPacket; at < size; at += packetSize_) {
         ReportProgress(Percent(at, size));
         size_t length = 0;
         const uint8_t* packet = sample.View(at, packetSize_, length);
         if (packet == nullptr || length == 0) break;
         for (const wmv::PayloadRecord& r : wmv::CarvePacket(packet, length, at, settings).records) {
-            if (r.streamNumber == settings.videoStream) videoSamples_.push_back(r);
-            else if (r.streamNumber == settings.audioStream) audioSamples_.push_back(r);
+            ++sampleCount_;
+            if (r.streamNumber != settings.videoStream) continue;
+            if (int64_t(r.mediaObjectNumber) != previousObject) ++frames;
+            previousObject = r.mediaObjectNumber;
         }
         if (PauseThenShouldStop()) break;
     }
+    return frames;
 }
 
 // ---- the damaged file ----

@@ -34,8 +34,9 @@ public:
 
 private:
     int ParseSampleVideo();
-    int ReadSampleHeader(FileReader& sample, int64_t& dataAt);
-    void CarveSamplePackets(FileReader& sample, int64_t firstPacket);
+    int ReadSampleStreams(const uint8_t* buf, size_t length, int64_t& dataAt);
+    int ReadPacketSize(const uint8_t* buf, size_t length, int64_t& dataAt);
+    int64_t CountSamplePackets(FileReader& sample, int64_t firstPacket);
     void ChooseStreams();
     void ScanDamaged();
     int64_t FindInWindow(size_t& windowLength);
