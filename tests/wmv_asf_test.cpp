@@ -1,7 +1,9 @@
 // The ASF header parser and the data-packet carver on hand-made bytes.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -187,7 +189,7 @@ TEST(WmvAsfInfoParser, SearchTakesEveryStreamOfTheBuffer) {
 
 constexpr uint32_t kP = 200;
 
-struct PacketSpec {
+struct PacketLayout {
     bool multiple = false;
     uint32_t padding = 0;
     uint8_t paddingType = 1;  // byte
@@ -195,7 +197,7 @@ struct PacketSpec {
 
 // Packet header: 82 00 00, length types, properties (replicated byte, offset
 // dword, object number byte, stream byte), padding, send time, duration.
-Bytes PacketHeader(const PacketSpec& s) {
+Bytes PacketHeader(const PacketLayout& s) {
     Bytes b = {0x82, 0x00, 0x00};
     b.push_back(uint8_t((s.multiple ? 1 : 0) | (s.paddingType << 3)));
     b.push_back(0x5D);
@@ -221,9 +223,9 @@ CarveSettings Settings() {
 }
 
 Bytes SinglePacket(uint8_t stream, uint8_t replicated, uint32_t padding) {
-    PacketSpec spec;
-    spec.padding = padding;
-    Bytes b = PacketHeader(spec);
+    PacketLayout layout;
+    layout.padding = padding;
+    Bytes b = PacketHeader(layout);
     PayloadHeader(b, stream, 9, replicated);
     b.resize(kP, 0x55);
     return b;
@@ -261,10 +263,10 @@ TEST(AsfPacketCarver, SinglePayloadsThatYieldNothing) {
 
 Bytes MultiplePacket(const std::vector<std::tuple<uint8_t, uint8_t, uint16_t>>& payloads, uint32_t padding,
                      uint8_t replicated = 8) {
-    PacketSpec spec;
-    spec.multiple = true;
-    spec.padding = padding;
-    Bytes b = PacketHeader(spec);
+    PacketLayout layout;
+    layout.multiple = true;
+    layout.padding = padding;
+    Bytes b = PacketHeader(layout);
     b.push_back(uint8_t(0x80 | payloads.size()));  // word lengths
     for (auto [stream, object, length] : payloads) {
         PayloadHeader(b, stream, object, replicated);
@@ -416,6 +418,21 @@ TEST_F(WmvEngine, NoPacketStartAnywhere) {
     EXPECT_TRUE(engine.GetRepairedVideo(out, Wide(dir.file("d.wmv")), L"", 0).empty());
     EXPECT_TRUE(Logged("[Wmv] dataList is empty:."));
     EXPECT_TRUE(Logged("[CTRL] Extract video frames failed, code: -1"));
+}
+
+TEST_F(WmvEngine, StopWhilePausedEndsTheRepairWithWhatWasFound) {
+    Bytes damaged = DataObject(2, {SinglePacket(0x81, 8, 0), SinglePacket(2, 8, 0)});
+    testing_support::WriteFile(dir.file("d.wmv"), Str(damaged));
+    testing_support::WriteFile(dir.file("s.wmv"), Str(AsfFile(kAsfAudioMedia, 2)));
+    engine.SetVideoPath(Wide(dir.file("d.wmv")), Wide(dir.file("s.wmv")));
+    engine.Pause();
+    int result = 1;
+    std::thread repair([&]() { result = engine.Repair(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    engine.Stop();
+    repair.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(engine.VideoSamples().empty());
 }
 
 TEST_F(WmvEngine, BadSamplesFailWithTheirReason) {
