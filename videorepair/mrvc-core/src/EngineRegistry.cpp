@@ -2,6 +2,7 @@
 
 #include "MkvAdvanceRepair.h"
 #include "TextUtil.h"
+#include "WmvAdvanceRepair.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -16,8 +17,8 @@ const EngineTable kEngineTable = {
     {L"mkv", []() -> AdvanceRepairBase* { return new MkvAdvanceRepair(); }},
     {L"mxf", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"klv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"wmv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"asf", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"wmv", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
+    {L"asf", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
     {L"mpeg", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mpg", []() -> AdvanceRepairBase* { return nullptr; }},
 };
