@@ -1,5 +1,8 @@
 #include "EngineRegistry.h"
 
+#include "AviAdvanceRepair.h"
+#include "FlvAdvanceRepair.h"
+
 #include "TextUtil.h"
 #include "platform/Platform.h"
 
@@ -13,8 +16,8 @@ struct EngineRow {
 // Tested in this order, with the extension's letter case exact. A row whose
 // engine is not built yet creates nothing.
 const EngineRow kEngineTable[] = {
-    {L"flv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"avi", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"flv", []() -> AdvanceRepairBase* { return new FlvAdvanceRepair(); }},
+    {L"avi", []() -> AdvanceRepairBase* { return new AviAdvanceRepair(); }},
     {L"mts", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"m2ts", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mkv", []() -> AdvanceRepairBase* { return nullptr; }},
