@@ -245,3 +245,90 @@ TEST(AviRepair, HostileSizesEndTheWalk) {
     EXPECT_EQ(run.engine.IndexEntries().size(), 2u);
     EXPECT_FALSE(run.Output().empty());
 }
+
+// ---- ffmpeg-made files through the manager ----
+
+namespace {
+
+struct AviMedia {
+    std::string name;
+    std::vector<std::string> codecArgs;
+};
+
+std::string MakeAvi(const AviMedia& media, bool sample) {
+    std::vector<std::string> args = {"-f", "lavfi", "-i",
+                                     sample ? "testsrc2=size=320x240:rate=25" : "testsrc=size=320x240:rate=25",
+                                     "-f", "lavfi", "-i",
+                                     sample ? "sine=frequency=880:sample_rate=44100" : "sine=frequency=440:sample_rate=44100",
+                                     "-t", sample ? "2" : "4"};
+    args.insert(args.end(), media.codecArgs.begin(), media.codecArgs.end());
+    return testing_support::GeneratedMedia("avi_" + media.name + (sample ? "_sample.avi" : "_clip.avi"), args);
+}
+
+const AviMedia kMpeg4Mp3{"mpeg4_mp3", {"-c:v", "mpeg4", "-q:v", "2", "-c:a", "libmp3lame", "-b:a", "96k"}};
+const AviMedia kMjpegPcm{"mjpeg_pcm", {"-c:v", "mjpeg", "-q:v", "3", "-c:a", "pcm_s16le"}};
+
+enum class AviDamage { HeaderZeroed, Idx1Lost, Garbage, Combined };
+
+Damage DamageFor(AviDamage kind, const std::string& bytes) {
+    const int64_t size = int64_t(bytes.size());
+    const int64_t movi = int64_t(bytes.find("movi"));
+    auto at = [size](double f) { return int64_t(double(size) * f); };
+    const std::vector<Range> garbage = {{at(0.3), at(0.3) + 1500}, {at(0.5), at(0.5) + 700}, {at(0.7), at(0.7) + 2500}};
+    Damage d;
+    switch (kind) {
+        case AviDamage::HeaderZeroed: d.zeroed = {{0, movi + 4}}; break;
+        case AviDamage::Idx1Lost: d.keep = at(0.85); break;
+        case AviDamage::Garbage: d.garbage = garbage; break;
+        case AviDamage::Combined:
+            d.zeroed = {{0, 4096}};
+            d.garbage = garbage;
+            d.keep = at(0.9);
+            break;
+    }
+    return d;
+}
+
+std::string AviCaseName(const ::testing::TestParamInfo<std::tuple<AviMedia, AviDamage>>& info) {
+    static const char* const kNames[] = {"HeaderZeroed", "Idx1Lost", "Garbage", "Combined"};
+    return std::get<0>(info.param).name + "_" + kNames[int(std::get<1>(info.param))];
+}
+
+class AviEndToEnd : public ::testing::TestWithParam<std::tuple<AviMedia, AviDamage>> {};
+
+}  // namespace
+
+TEST_P(AviEndToEnd, RepairedFileDecodesWhatSurvived) {
+    const AviMedia& media = std::get<0>(GetParam());
+    const std::string clip = MakeAvi(media, false), sample = MakeAvi(media, true);
+    ASSERT_FALSE(clip.empty());
+    ASSERT_FALSE(sample.empty());
+    const std::string original = ReadFile(clip);
+    const Damage damage = DamageFor(std::get<1>(GetParam()), original);
+    const std::vector<Range> packets = VideoPacketSpans(clip);
+    const int survivors = SurvivingPackets(packets, damage, 8, 0);
+    ASSERT_GT(survivors, int(packets.size()) / 2);
+
+    TempDir dir("avie2e");
+    const std::string damagedPath = dir.file("damaged.avi");
+    const std::string damaged = ApplyDamage(original, damage);
+    WriteFile(damagedPath, damaged);
+    ManagerRun run = RepairThroughManager(damagedPath, sample, dir.path());
+    ASSERT_EQ(run.result, 0);
+    EXPECT_TRUE(IsUuidName(run.repairedPath, dir.path(), "avi")) << run.repairedPath;
+    EXPECT_EQ(ReadFile(damagedPath), damaged) << "the damaged file must stay as it was";
+    const int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
+    EXPECT_GE(decoded, survivors * 9 / 10) << "of " << survivors << " surviving frames";
+
+    bool logged = false;
+    for (const std::string& line : testing_support::ReadLines(dir.file("KzVideoRepair.log"))) {
+        logged = logged || line.find("Flv Header is damaged, will try repairing. -1") != std::string::npos;
+    }
+    EXPECT_TRUE(logged);
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, AviEndToEnd,
+                         ::testing::Combine(::testing::Values(kMpeg4Mp3, kMjpegPcm),
+                                            ::testing::Values(AviDamage::HeaderZeroed, AviDamage::Idx1Lost,
+                                                              AviDamage::Garbage, AviDamage::Combined)),
+                         AviCaseName);

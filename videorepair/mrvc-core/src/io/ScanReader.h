@@ -8,25 +8,34 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "io/FileReader.h"
 
 class ScanReader {
 public:
-    // The cache holds three reaches: one kept ahead, two read per refill.
-    explicit ScanReader(size_t reach) : reach_(reach), file_(reach * 3) {}
+    explicit ScanReader(size_t reach) : reach_(reach), file_(std::make_unique<FileReader>(kSmallCache)) {}
 
-    bool Open(const std::wstring& path) { return file_.Open(path); }
-    void Close() { file_.Close(); }
-    bool IsOpen() const { return file_.IsOpen(); }
-    int64_t Size() const { return file_.Size(); }
+    // The cache holds three reaches (one kept ahead, two read per refill), or
+    // twice the file when that is less.
+    bool Open(const std::wstring& path) {
+        file_ = std::make_unique<FileReader>(kSmallCache);
+        if (!file_->Open(path)) return false;
+        const size_t wanted = size_t(std::min<int64_t>(int64_t(reach_) * 3, std::max<int64_t>(2 * file_->Size(), kSmallCache)));
+        if (wanted == kSmallCache) return true;
+        file_ = std::make_unique<FileReader>(wanted);
+        return file_->Open(path);
+    }
+    void Close() { file_->Close(); }
+    bool IsOpen() const { return file_->IsOpen(); }
+    int64_t Size() const { return file_->Size(); }
 
     // Makes [offset, offset + reach) resident (as far as the file goes), so that
     // the look-ups that follow come from memory.
     void KeepAhead(int64_t offset) {
         size_t got = 0;
-        file_.View(std::max<int64_t>(offset, 0), reach_, got);
+        file_->View(std::max<int64_t>(offset, 0), reach_, got);
     }
 
     // Fills dst[0, n) with the file's bytes at offset; bytes the file does not
@@ -40,7 +49,7 @@ public:
             skip = size_t(-offset);
             offset = 0;
         }
-        int64_t got = file_.ReadAt(offset, dst + skip, n - skip);
+        int64_t got = file_->ReadAt(offset, dst + skip, n - skip);
         return got;
     }
 
@@ -61,10 +70,12 @@ public:
     // A view of up to n bytes at offset (n is capped by the cache), valid until
     // the next call; null with available = 0 when nothing is there.
     const uint8_t* View(int64_t offset, size_t n, size_t& available) {
-        return file_.View(offset, n, available);
+        return file_->View(offset, n, available);
     }
 
 private:
+    static constexpr size_t kSmallCache = 65536;
+
     size_t reach_;
-    FileReader file_;
+    std::unique_ptr<FileReader> file_;
 };
