@@ -1,6 +1,7 @@
 #include "AviAdvanceRepair.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "OutputNaming.h"
 #include "platform/Platform.h"
@@ -80,12 +81,24 @@ bool IsVideoChunkId(uint32_t word) {
     return tail == (FourCC("00dc") >> 16) || tail == (FourCC("00db") >> 16);
 }
 
-// First bytes of the words the scan looks for: "movi", "idx1", "ix00", "00..", "01..".
-struct ScanStartBytes {
-    bool table[256] = {};
-    ScanStartBytes() { table['m'] = table['i'] = table['0'] = table['1'] = true; }
-};
-const ScanStartBytes kScanStart;
+// True when one of the eight bytes in `group` equals a byte repeated in a pattern.
+bool GroupHasByte(uint64_t group, const uint64_t* patterns, int count) {
+    constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
+    for (int k = 0; k < count; ++k) {
+        const uint64_t v = group ^ patterns[k];
+        if (((v - kOnes) & ~v & kHighs) != 0) return true;
+    }
+    return false;
+}
+
+// Byte order does not matter: the group is only searched for repeated bytes.
+uint64_t Load64(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+constexpr uint64_t Repeat(char c) { return 0x0101010101010101ull * uint8_t(c); }
 
 // Steps 1, 2, ... from byte 4: the first chunk id or "JUNK" at byte 4 + step.
 int ResyncSteps(const uint8_t* block, bool& found) {
@@ -252,27 +265,62 @@ void AviAdvanceRepair::ScanDamaged() {
     }
 }
 
+// Tests the word at every byte of the block, in order, until both offsets are
+// known. Groups of eight bytes holding no first byte of a word still looked for
+// are passed over at once; that changes no result, only the speed.
 void AviAdvanceRepair::ScanBlock(const uint8_t* block, size_t length, int64_t position) {
-    for (size_t i = 0; i + 4 <= length; ++i) {
-        if (kScanStart.table[block[i]]) {
-            const uint32_t word = Le32(block + i);
-            if (word == kMovi && (!moviKnown_ || moviTentative_)) {
-                moviOffset_ = position + int64_t(i);
-                moviKnown_ = true;
-                moviTentative_ = false;
-                moviFound_ = true;
-            } else if (!moviKnown_ && IsDataChunkId(word)) {
-                // Where a "movi" word would stand in front of the first chunk.
-                moviOffset_ = position + int64_t(i) - 4;
-                moviKnown_ = true;
-                moviTentative_ = true;
-            } else if (word == kIdx1 && !idx1Known_) {
-                idx1Offset_ = position + int64_t(i);
-                idx1Known_ = true;
-            }
-        }
-        if (moviKnown_ && idx1Known_) break;
+    if (moviKnown_ && idx1Known_) {
+        TestWord(Le32(block), position);
+        return;
     }
+    const size_t words = length - 3;
+    uint64_t patterns[4];
+    int count = StartBytePatterns(patterns);
+    for (size_t i = 0; i < words; i += 8) {
+        if (i + 8 <= length && !GroupHasByte(Load64(block + i), patterns, count)) continue;
+        for (size_t j = i; j < std::min(i + 8, words); ++j) {
+            if (!TestWord(Le32(block + j), position + int64_t(j))) continue;
+            if (moviKnown_ && idx1Known_) return;
+            count = StartBytePatterns(patterns);
+        }
+    }
+}
+
+// First bytes of the words still looked for: "movi", the chunk ids ("0...",
+// "1...", "ix00") and "idx1".
+int AviAdvanceRepair::StartBytePatterns(uint64_t* patterns) const {
+    int count = 0;
+    if (!moviKnown_ || moviTentative_) patterns[count++] = Repeat('m');
+    if (!moviKnown_) {
+        patterns[count++] = Repeat('0');
+        patterns[count++] = Repeat('1');
+    }
+    if (!moviKnown_ || !idx1Known_) patterns[count++] = Repeat('i');
+    return count;
+}
+
+// One word of the scan; true when it taught something.
+bool AviAdvanceRepair::TestWord(uint32_t word, int64_t at) {
+    if (word == kMovi && (!moviKnown_ || moviTentative_)) {
+        moviOffset_ = at;
+        moviKnown_ = true;
+        moviTentative_ = false;
+        moviFound_ = true;
+        return true;
+    }
+    if (!moviKnown_ && IsDataChunkId(word)) {
+        // Where a "movi" word would stand in front of the first chunk.
+        moviOffset_ = at - 4;
+        moviKnown_ = true;
+        moviTentative_ = true;
+        return true;
+    }
+    if (word == kIdx1 && !idx1Known_) {
+        idx1Offset_ = at;
+        idx1Known_ = true;
+        return true;
+    }
+    return false;
 }
 
 // Walks the chunks from the movi offset and appends an index entry for each data

@@ -60,6 +60,8 @@ private:
     void ParseStreamList(const uint8_t* list, size_t available);
     void ScanDamaged();
     void ScanBlock(const uint8_t* block, size_t length, int64_t position);
+    bool TestWord(uint32_t word, int64_t at);
+    int StartBytePatterns(uint64_t* patterns) const;
     uint32_t WalkChunks(bool stopAtIdx1);
     void ReadOldIndexHead();
 

@@ -18,6 +18,7 @@ constexpr size_t kLookAheadBytes = (16u << 20) + (64u << 10);
 bool IsTagType(uint8_t type) { return type == 8 || type == 9 || type == 18; }
 
 uint32_t Be24(const uint8_t* p) { return uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | uint32_t(p[2]); }
+uint32_t Be32(const uint8_t* p) { return Be24(p) << 8 | uint32_t(p[3]); }
 
 }  // namespace
 
@@ -56,7 +57,6 @@ void FlvAdvanceRepair::ScanForRuns() {
     uint8_t block[kBlockBytes];
     int64_t blockOffset = 0;
     while (!IsStopRequested()) {
-        damaged_.KeepAhead(blockOffset);
         const int64_t got = damaged_.ReadBlock(blockOffset, block, kBlockBytes);
         if (got <= 0) break;
         ScanBlock(block, blockOffset);
@@ -70,16 +70,18 @@ void FlvAdvanceRepair::ScanForRuns() {
 // Tests every byte that could start a tag; the first that passes starts a run,
 // which finishes the block. A run reaching the end of the file ends the scan.
 void FlvAdvanceRepair::ScanBlock(uint8_t* block, int64_t& blockOffset) {
+    ScanReader::Window window = damaged_.WindowAt(blockOffset);
     for (size_t i = 0; i < kBlockBytes; ++i) {
         if (!IsTagType(block[i])) continue;
         if (kBlockBytes - i < kTagHeaderBytes) {
             Realign(block, blockOffset, i);
+            window = damaged_.WindowAt(blockOffset);
             i = 0;
         }
         const int64_t candidate = blockOffset + int64_t(i);
         const uint32_t dataSize = Be24(block + i + 1);
         if (dataSize < 1 || candidate + int64_t(dataSize) > damagedSize_) continue;
-        if (!SizeWordMatches(candidate, dataSize)) continue;
+        if (!SizeWordMatches(window, candidate, dataSize)) continue;
         const int64_t end = WalkRun(candidate);
         if (end < damagedSize_) {
             blockOffset = end;
@@ -98,30 +100,39 @@ void FlvAdvanceRepair::Realign(uint8_t* block, int64_t& blockOffset, size_t from
     const size_t tail = kBlockBytes - from;
     std::memmove(block, block + from, tail);
     blockOffset += int64_t(from);
-    damaged_.KeepAhead(blockOffset);
     damaged_.ReadBlock(blockOffset, block + tail, from);
 }
 
-// The previous-tag-size word behind the tag must repeat the tag's length.
-bool FlvAdvanceRepair::SizeWordMatches(int64_t tagOffset, uint32_t dataSize) {
+// The previous-tag-size word behind the tag must repeat the tag's length. It is
+// taken from the window when there; a word past the end of the file never matches.
+bool FlvAdvanceRepair::SizeWordMatches(ScanReader::Window& window, int64_t tagOffset, uint32_t dataSize) {
+    const int64_t at = tagOffset + int64_t(dataSize) + int64_t(kTagHeaderBytes);
     uint32_t word = 0;
-    return damaged_.ReadU32BE(tagOffset + int64_t(dataSize) + int64_t(kTagHeaderBytes), word) &&
-           word == dataSize + kTagHeaderBytes;
+    if (window.Holds(at, 4)) {
+        word = Be32(window.data + (at - window.start));
+    } else if (window.End() >= damagedSize_) {
+        return false;
+    } else {
+        const bool read = damaged_.ReadU32BE(at, word);
+        window = damaged_.WindowAt(window.start);
+        if (!read) return false;
+    }
+    return word == dataSize + kTagHeaderBytes;
 }
 
 bool FlvAdvanceRepair::TagAt(int64_t offset, uint32_t& dataSize) {
-    uint8_t head[4];
-    if (damaged_.ReadBlock(offset, head, sizeof head) != int64_t(sizeof head)) return false;
+    ScanReader::Window window = damaged_.WindowAt(offset);
+    if (!window.Holds(offset, 4)) return false;
+    const uint8_t* head = window.data;
     if (!IsTagType(head[0])) return false;
     dataSize = Be24(head + 1);
     if (dataSize < 1 || offset + int64_t(dataSize) > damagedSize_) return false;
-    return SizeWordMatches(offset, dataSize);
+    return SizeWordMatches(window, offset, dataSize);
 }
 
 int64_t FlvAdvanceRepair::WalkRun(int64_t start) {
     int64_t position = start;
     while (!IsStopRequested() && position < damagedSize_) {
-        damaged_.KeepAhead(position);
         uint32_t dataSize = 0;
         if (!TagAt(position, dataSize)) break;
         position += int64_t(dataSize) + int64_t(kTagHeaderBytes) + 4;

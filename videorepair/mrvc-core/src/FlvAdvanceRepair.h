@@ -36,7 +36,7 @@ private:
     void ScanForRuns();
     void ScanBlock(uint8_t* block, int64_t& blockOffset);
     void Realign(uint8_t* block, int64_t& blockOffset, size_t from);
-    bool SizeWordMatches(int64_t tagOffset, uint32_t dataSize);
+    bool SizeWordMatches(ScanReader::Window& window, int64_t tagOffset, uint32_t dataSize);
     bool TagAt(int64_t offset, uint32_t& dataSize);
     int64_t WalkRun(int64_t start);
     bool CopyRuns(FileWriter& out);

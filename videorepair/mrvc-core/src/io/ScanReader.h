@@ -38,6 +38,24 @@ public:
         file_->View(std::max<int64_t>(offset, 0), reach_, got);
     }
 
+    // Resident bytes from a start offset: valid until the next call on the reader.
+    struct Window {
+        const uint8_t* data = nullptr;
+        int64_t start = 0;
+        size_t length = 0;
+        bool Holds(int64_t at, size_t n) const {
+            return data != nullptr && at >= start && at + int64_t(n) <= start + int64_t(length);
+        }
+        int64_t End() const { return start + int64_t(length); }
+    };
+    // Up to `reach` bytes from offset, loading them when needed.
+    Window WindowAt(int64_t offset) {
+        Window w;
+        w.start = offset;
+        w.data = file_->View(offset, reach_, w.length);
+        return w;
+    }
+
     // Fills dst[0, n) with the file's bytes at offset; bytes the file does not
     // have (before its start or past its end) are zero. Returns the number of
     // file bytes copied, or -1 on a read error.
