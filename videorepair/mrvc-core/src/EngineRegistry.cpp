@@ -1,5 +1,7 @@
 #include "EngineRegistry.h"
 
+#include "AviAdvanceRepair.h"
+#include "FlvAdvanceRepair.h"
 #include "MkvAdvanceRepair.h"
 #include "TextUtil.h"
 #include "WmvAdvanceRepair.h"
@@ -10,8 +12,8 @@ namespace {
 // Tested in this order, with the extension's letter case exact. A row whose
 // engine is not built yet creates nothing.
 const EngineTable kEngineTable = {
-    {L"flv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"avi", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"flv", []() -> AdvanceRepairBase* { return new FlvAdvanceRepair(); }},
+    {L"avi", []() -> AdvanceRepairBase* { return new AviAdvanceRepair(); }},
     {L"mts", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"m2ts", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mkv", []() -> AdvanceRepairBase* { return new MkvAdvanceRepair(); }},
