@@ -1,5 +1,7 @@
 #include "EngineRegistry.h"
 
+#include "MtsAdvanceRepair.h"
+#include "MxfAdvanceRepair.h"
 #include "TextUtil.h"
 #include "platform/Platform.h"
 
@@ -15,11 +17,11 @@ struct EngineRow {
 const EngineRow kEngineTable[] = {
     {L"flv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"avi", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"mts", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"m2ts", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mts", []() -> AdvanceRepairBase* { return new MtsAdvanceRepair(); }},
+    {L"m2ts", []() -> AdvanceRepairBase* { return new MtsAdvanceRepair(); }},
     {L"mkv", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"mxf", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"klv", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mxf", []() -> AdvanceRepairBase* { return new MxfAdvanceRepair(); }},
+    {L"klv", []() -> AdvanceRepairBase* { return new MxfAdvanceRepair(); }},
     {L"wmv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"asf", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"mpeg", []() -> AdvanceRepairBase* { return nullptr; }},
