@@ -250,7 +250,10 @@ void MxfAdvanceRepair::ScanDamagedFile(PositionedReader& reader) {
             nextProgressAt = ((percent + 1) * damagedSize_ + 99) / 100;
         }
         if (!reader.Fill()) break;
-        SampleRecord record = MatchEssenceElement(reader.Data(), reader.Length(), position);
+        // Most unknown bytes fail on the key's first byte; test that here before the full match.
+        SampleRecord record;
+        if (reader.Data()[0] == kEssenceKeyPrefix[0])
+            record = MatchEssenceElement(reader.Data(), reader.Length(), position);
         if (record.found) {
             (record.kind == kPictureKind ? videoSamples_ : audioSamples_).push_back(record);
             reader.Advance(int64_t(record.packetLength));
@@ -262,7 +265,7 @@ void MxfAdvanceRepair::ScanDamagedFile(PositionedReader& reader) {
             ENGINE_LOG(kLogInfo, "[MXF] Unused size exceed, offset:.", reader.Position());
             break;
         }
-        if (PauseThenShouldStop()) break;
+        if ((IsPaused() || IsStopRequested()) && PauseThenShouldStop()) break;
     }
 }
 
