@@ -72,6 +72,14 @@ TEST(PositionedReader, WindowEqualsFileBytesAtEveryStep) {
         reader.Seek(back);
         ASSERT_TRUE(WindowMatches(reader, file, window));
     }
+    // A direct read elsewhere moves the file cache; the next window is still right.
+    reader.Seek(100);
+    ASSERT_TRUE(WindowMatches(reader, file, window));
+    char far[16];
+    ASSERT_EQ(reader.File().ReadAt(int64_t(file.size()) - 16, far, sizeof far), 16);
+    ASSERT_EQ(reader.File().ReadAt(5000, far, sizeof far), 16);
+    reader.Advance(1);
+    ASSERT_TRUE(WindowMatches(reader, file, window));
 }
 
 TEST(PositionedReader, FullWindowAcrossRefillsAndCheapByteSteps) {
