@@ -97,8 +97,9 @@ TEST(PositionedReader, FullWindowAcrossRefillsAndCheapByteSteps) {
         ASSERT_EQ(reader.Length(), expected) << position;
         ASSERT_EQ(reader.Data()[0], uint8_t(file[size_t(position)])) << position;
         ASSERT_EQ(reader.Data()[expected - 1], uint8_t(file[size_t(position) + expected - 1])) << position;
-        if (position % 65536 == 0 || position % 1048576 > 1048570)
+        if (position % 65536 == 0 || position % 1048576 > 1048570) {
             ASSERT_EQ(std::memcmp(reader.Data(), file.data() + position, expected), 0) << position;
+        }
         reader.Advance(1);
     }
     const int64_t readsAfter = ReadCallsSoFar();
