@@ -3,6 +3,8 @@
 #include "AviAdvanceRepair.h"
 #include "FlvAdvanceRepair.h"
 #include "MkvAdvanceRepair.h"
+#include "MtsAdvanceRepair.h"
+#include "MxfAdvanceRepair.h"
 #include "TextUtil.h"
 #include "WmvAdvanceRepair.h"
 #include "platform/Platform.h"
@@ -14,11 +16,11 @@ namespace {
 const EngineTable kEngineTable = {
     {L"flv", []() -> AdvanceRepairBase* { return new FlvAdvanceRepair(); }},
     {L"avi", []() -> AdvanceRepairBase* { return new AviAdvanceRepair(); }},
-    {L"mts", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"m2ts", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mts", []() -> AdvanceRepairBase* { return new MtsAdvanceRepair(); }},
+    {L"m2ts", []() -> AdvanceRepairBase* { return new MtsAdvanceRepair(); }},
     {L"mkv", []() -> AdvanceRepairBase* { return new MkvAdvanceRepair(); }},
-    {L"mxf", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"klv", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mxf", []() -> AdvanceRepairBase* { return new MxfAdvanceRepair(); }},
+    {L"klv", []() -> AdvanceRepairBase* { return new MxfAdvanceRepair(); }},
     {L"wmv", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
     {L"asf", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
     {L"mpeg", []() -> AdvanceRepairBase* { return nullptr; }},

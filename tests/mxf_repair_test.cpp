@@ -1,0 +1,249 @@
+// The MXF engine: essence-element matching with BER lengths, the reading of
+// ffmpeg's report on the sample, the scan and its log, and whole repairs of
+// generated OP1a and D-10 files through the manager.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "AppPaths.h"
+#include "MxfAdvanceRepair.h"
+#include "RepairLog.h"
+#include "StreamRepairTestHelpers.h"
+
+using namespace stream_repair_test;
+using testing_support::GeneratedMedia;
+using testing_support::TempDir;
+using testing_support::Wide;
+
+namespace {
+
+using Record = MxfAdvanceRepair::SampleRecord;
+
+std::string Key(uint8_t itemType) {
+    const char prefix[] = "\x06\x0E\x2B\x34\x01\x02\x01\x01\x0D\x01\x03\x01";
+    std::string key(prefix, 12);
+    key += char(itemType);
+    key += std::string("\x01\x01\x00", 4).substr(0, 3);
+    return key;
+}
+
+// A KLV with a given length field and value bytes.
+std::string Klv(uint8_t itemType, const std::string& ber, const std::string& value) {
+    return Key(itemType) + ber + value;
+}
+
+std::string Short(size_t n) { return std::string(1, char(n)); }
+
+Record Match(const std::string& bytes, int64_t position = 1000) {
+    return MxfAdvanceRepair::MatchEssenceElement(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
+                                                 position);
+}
+
+std::string Op1aClip() {
+    return GeneratedMedia("mxf_op1a.mxf", {"-f", "lavfi", "-i", "testsrc=size=320x240:rate=25", "-f", "lavfi", "-i",
+                                           "sine=frequency=440:sample_rate=48000", "-t", "3", "-c:v", "mpeg2video",
+                                           "-g", "12", "-bf", "0", "-q:v", "4", "-c:a", "pcm_s16le", "-ac", "2"});
+}
+
+std::string D10Clip() {
+    return GeneratedMedia("mxf_d10.mxf",
+                          {"-f", "lavfi", "-i", "testsrc=size=720x608:rate=25", "-f", "lavfi", "-i",
+                           "sine=frequency=440:sample_rate=48000", "-t", "2", "-pix_fmt", "yuv422p", "-c:v",
+                           "mpeg2video", "-g", "1", "-b:v", "50M", "-minrate", "50M", "-maxrate", "50M", "-bufsize",
+                           "2000000", "-rc_init_occupancy", "2000000", "-c:a", "pcm_s16le", "-f", "mxf_d10"});
+}
+
+}  // namespace
+
+TEST(MxfEssenceMatch, KeysItemTypesAndBerLengths) {
+    Record r = Match(Klv(0x15, Short(10), std::string(10, 'v')));
+    EXPECT_TRUE(r.found);
+    EXPECT_EQ(r.kind, 0u);
+    EXPECT_EQ(r.offset, 1017u);
+    EXPECT_EQ(r.size, 10);
+    EXPECT_EQ(r.packetLength, 27u);
+
+    r = Match(Klv(0x16, std::string("\x83\x01\x00\x00", 4), std::string(20, 'a')));  // long form, 3 bytes
+    EXPECT_TRUE(r.found);
+    EXPECT_EQ(r.kind, 1u);
+    EXPECT_EQ(r.size, 65536);
+    EXPECT_EQ(r.offset, 1020u);
+
+    r = Match(Klv(0x05, std::string("\x88\x00\x00\x00\x00\x00\x00\x00\x07", 9), "x"));  // 8 length bytes
+    EXPECT_TRUE(r.found);
+    EXPECT_EQ(r.size, 7);
+    EXPECT_EQ(Match(Klv(0x18, Short(1), "c")).kind, 0u);
+    EXPECT_EQ(Match(Klv(0x06, Short(1), "s")).kind, 1u);
+
+    // Lengths that do not qualify: zero, "0x80" (no bytes), 9 bytes, past the
+    // available bytes, 2^63 and up.
+    EXPECT_FALSE(Match(Klv(0x15, Short(0), "")).found);
+    EXPECT_FALSE(Match(Klv(0x15, "\x80", "zzzz")).found);
+    EXPECT_FALSE(Match(Klv(0x15, std::string("\x89\0\0\0\0\0\0\0\0\x05", 10), "zzzz")).found);
+    EXPECT_FALSE(Match(Klv(0x15, std::string("\x84\x00\x01", 3), "")).found);
+    EXPECT_FALSE(Match(Klv(0x15, std::string("\x88\x80\0\0\0\0\0\0\x01", 9), "zz")).found);
+    EXPECT_FALSE(Match(Key(0x15)).found);  // 16 bytes: no length byte at all
+
+    // System (0x04, 0x14), data (0x07, 0x17) items and other keys are not collected.
+    for (uint8_t type : {0x04, 0x14, 0x07, 0x17, 0x01})
+        EXPECT_FALSE(Match(Klv(type, Short(4), "dddd")).found) << int(type);
+    std::string fill = Klv(0x15, Short(4), "dddd");
+    fill[7] = 0x02;
+    EXPECT_FALSE(Match(fill).found);
+}
+
+TEST(MxfSampleReport, AudioOptionsAndFrameRate) {
+    using M = MxfAdvanceRepair;
+    auto info = M::ParseSampleReport(
+        "Input #0, mxf, from 's.mxf':\n"
+        "  Stream #0:0: Video: mpeg2video (4:2:2), yuv422p(tv, top first), 720x608 [SAR 152:135 DAR 4:3], "
+        "50000 kb/s, 29.97 fps, 29.97 tbr, 1k tbn\n"
+        "  Stream #0:1: Audio: pcm_s16le, 48000 Hz, stereo, s16, 1536 kb/s\n");
+    EXPECT_DOUBLE_EQ(info.frameRate, 29.97);
+    EXPECT_EQ(info.audioInputOptions, (std::vector<std::string>{"-f", "s16le", "-ar", "48000", "-ac", "2"}));
+
+    info = M::ParseSampleReport("  Stream #0:1: Audio: pcm_s24le, 44100 Hz, mono, s32\r\n");
+    EXPECT_EQ(info.audioInputOptions, (std::vector<std::string>{"-f", "s24le", "-ar", "44100", "-ac", "1"}));
+    info = M::ParseSampleReport("  Stream #0:1: Audio: pcm_s16le, 48000 Hz, 8 channels, s16, 6144 kb/s\n");
+    EXPECT_EQ(info.audioInputOptions, (std::vector<std::string>{"-f", "s16le", "-ar", "48000", "-ac", "8"}));
+    info = M::ParseSampleReport("  Stream #0:1: Audio: aac (LC), 32000 Hz, stereo, fltp\n");
+    EXPECT_EQ(info.audioInputOptions, (std::vector<std::string>{"-ar", "32000", "-ac", "2"}));
+
+    // No "fps" on the video line, no video line, or "fps" past the 1023 characters
+    // of a line buffer: the rate stays 30.
+    EXPECT_DOUBLE_EQ(M::ParseSampleReport("Stream #0:0: Video: mpeg2video, 25 tbr\n").frameRate, 30.0);
+    EXPECT_DOUBLE_EQ(M::ParseSampleReport("nothing here").frameRate, 30.0);
+    EXPECT_DOUBLE_EQ(M::ParseSampleReport("Video: x" + std::string(1100, ',') + " 25 fps\n").frameRate, 30.0);
+    EXPECT_THROW(M::ParseSampleReport("Stream #0:0: Video: rawvideo, fps\n"), std::invalid_argument);
+}
+
+TEST(MxfScan, CollectsPictureAndSoundElementsAndLogsThem) {
+    TempDir dir("mxfscan");
+    std::string bytes = "junk!" + Klv(0x15, Short(10), std::string(10, 'v')) +   // at 5
+                        Klv(0x16, Short(4), "aaaa") +                             // at 32
+                        Klv(0x17, Short(3), "ddd") +                              // data item: stepped over
+                        Klv(0x15, std::string("\x89\0\0\0\0\0\0\0\0\x02", 10), "zz") +  // 9-byte BER
+                        Klv(0x05, Short(2), "VV");
+    std::string damaged = dir.file("d.mxf");
+    WriteFile(damaged, bytes);
+    RepairLog log(0, dir.file("log.txt"));
+    MxfAdvanceRepair engine;
+    engine.SetLogger(&log);
+    engine.SetVideoPath(Wide(damaged), L"");
+    ASSERT_EQ(engine.Repair(), 0);
+    ASSERT_EQ(engine.VideoSamples().size(), 2u);
+    ASSERT_EQ(engine.AudioSamples().size(), 1u);
+    EXPECT_EQ(engine.VideoSamples()[0].offset, 22u);
+    EXPECT_EQ(engine.AudioSamples()[0].offset, 49u);
+    EXPECT_EQ(engine.VideoSamples()[1].offset, bytes.size() - 2);
+    EXPECT_DOUBLE_EQ(engine.LearntSample().frameRate, 30.0);
+    log.Close();
+    auto lines = testing_support::ReadLines(dir.file("log.txt"));
+    EXPECT_TRUE(HasLine(lines, "MxfAdvanceRepair::Repair"));
+    EXPECT_TRUE(HasLine(lines, "[mxf] Video samples counts is:  2"));
+    EXPECT_TRUE(HasLine(lines, "Video Frame Info: [mxf] Video sample Sequence 1: offset:" +
+                                   std::to_string(bytes.size() - 2) + ", size:2"));
+    EXPECT_TRUE(HasLine(lines, "Audio Frame Info: [mxf] Audio sample Sequence 0: offset:49, size:4"));
+    char percent[128];
+    snprintf(percent, sizeof percent, "[mxf] Video Repair Percent is %f,Audio Repair Percent is %f",
+             1200.0 / double(bytes.size()), 400.0 / double(bytes.size()));
+    EXPECT_TRUE(HasLine(lines, std::string("Repair Percent: ") + percent));
+}
+
+TEST(MxfFailures, MissingFilesAndMissingFfmpeg) {
+    TempDir dir("mxffail");
+    RepairLog log(0, dir.file("log.txt"));
+    MxfAdvanceRepair engine;
+    engine.SetLogger(&log);
+    engine.SetVideoPath(L"", L"");
+    EXPECT_EQ(engine.Repair(), -1);
+    engine.SetVideoPath(Wide(dir.file("missing.mxf")), L"");
+    EXPECT_EQ(engine.Repair(), -1);
+
+    // Without ffmpeg the analysis fails and the repair goes on; the merge fails.
+    std::string damaged = dir.file("d.mxf");
+    WriteFile(damaged, ReadFile(Op1aClip()));
+    std::string work = dir.file("work");
+    testing_support::RunProgram({"mkdir", "-p", work});
+    app_paths::SetWorkDirectory(Wide(work));
+    engine.SetFfmpegPath(Wide(dir.file("nowhere/ffmpeg")));
+    engine.SetVideoPath(Wide(damaged), Wide(Op1aClip()));
+    EXPECT_EQ(engine.Repair(), 0);
+    EXPECT_EQ(engine.VideoSamples().size(), 75u);
+    EXPECT_TRUE(engine.LearntSample().audioInputOptions.empty());
+    std::wstring out;
+    EXPECT_EQ(engine.GetRepairedVideo(out, Wide(damaged), L"", 0), L"");
+    engine.SetFfmpegPath(L"");
+    EXPECT_EQ(engine.GetRepairedVideo(out, Wide(damaged), L"", 0), L"");
+    engine.Release();
+    log.Close();
+    EXPECT_EQ(FilesIn(work), 0u) << "dumps are removed after a failed merge";
+    EXPECT_EQ(FilesIn(dir.path()), 2u);  // the damaged file and the log
+
+    auto lines = testing_support::ReadLines(dir.file("log.txt"));
+    EXPECT_TRUE(HasLine(lines, "[Sprt] Open file stream failed,file is: " + dir.file("missing.mxf")));
+    EXPECT_TRUE(HasLine(lines, "[Sprt] create file stream failed."));
+    EXPECT_TRUE(HasLine(lines, "[ENCD] cmd is not exists. cmd is: " + dir.file("nowhere/ffmpeg")));
+    EXPECT_TRUE(HasLine(lines, "[AnalyzeSampleVideo]Analysize audio codec info by ffmpeg failed."));
+    EXPECT_TRUE(HasLine(lines, "[ENCD] cmd is empty."));
+    EXPECT_TRUE(HasLine(lines, "[GetRepairedVideo]merge audio and video file by ffmpeg failed."));
+}
+
+struct MxfCase {
+    const char* name;
+    bool d10;
+    const char* extension;
+};
+
+void PrintTo(const MxfCase& c, std::ostream* os) { *os << c.name; }
+
+class MxfEndToEnd : public ::testing::TestWithParam<MxfCase> {};
+
+TEST_P(MxfEndToEnd, RecoversWhatSurvivedTheDamage) {
+    const MxfCase& c = GetParam();
+    TempDir dir("mxfe2e");
+    const std::string healthy = c.d10 ? D10Clip() : Op1aClip();
+    ASSERT_FALSE(healthy.empty());
+    std::string bytes = ReadFile(healthy);
+    Damage damage = ApplyTypicalDamage(bytes, 16384, 0.4, int64_t(bytes.size() / 12), 0.8);
+    std::string damaged = dir.file(std::string("damaged.") + c.extension);
+    WriteFile(damaged, bytes);
+
+    ManagerRun run = RepairThroughManager(damaged, healthy, dir);
+    ASSERT_EQ(run.result, 0);
+    ASSERT_FALSE(run.repairedPath.empty());
+    EXPECT_EQ(run.repairedPath.substr(run.repairedPath.size() - 4), ".mxf");
+    EXPECT_EQ(ReadFile(damaged), bytes) << "the damaged input must stay as it was";
+    EXPECT_EQ(FilesIn(dir.file("work")), 0u) << "the dumps are removed after the merge";
+
+    int surviving = SurvivingFrames(healthy, damage);
+    int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
+    EXPECT_GE(surviving, 20);
+    EXPECT_GE(decoded * 10, surviving * 9) << decoded << " of " << surviving << " in " << run.repairedPath;
+    EXPECT_EQ(CountStreams(run.repairedPath, "a"), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Variants, MxfEndToEnd,
+                         ::testing::Values(MxfCase{"Op1a", false, "mxf"}, MxfCase{"D10", true, "mxf"},
+                                           MxfCase{"Op1aNamedKlv", false, "klv"}),
+                         [](const ::testing::TestParamInfo<MxfCase>& info) { return info.param.name; });
+
+TEST(MxfEndToEndSample, SampleWithoutUsableReportFallsBackToThirtyFps) {
+    // ffmpeg cannot describe this sample: no rate and no audio options are
+    // learnt, which is not a failure. The duration is then 75 frames / 30 fps,
+    // so the 25 fps video is cut to about 62 frames.
+    TempDir dir("mxfsample");
+    std::string sample = dir.file("sample.mxf");
+    WriteFile(sample, std::string(5000, '\x33'));
+    std::string damaged = dir.file("damaged.mxf");
+    WriteFile(damaged, ReadFile(Op1aClip()));
+    ManagerRun run = RepairThroughManager(damaged, sample, dir);
+    EXPECT_EQ(run.result, 0);
+    EXPECT_TRUE(HasLine(run.log, "[mxf] Video samples counts is:  75"));
+    EXPECT_FALSE(HasLine(run.log, "[AnalyzeSampleVideo]"));
+    ASSERT_FALSE(run.repairedPath.empty());
+    int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
+    EXPECT_GE(decoded, 60);
+    EXPECT_LE(decoded, 65);
+    EXPECT_EQ(FilesIn(dir.file("work")), 0u);
+}
