@@ -1,5 +1,6 @@
 #include "EngineRegistry.h"
 
+#include "MpegAdvanceRepair.h"
 #include "TextUtil.h"
 #include "platform/Platform.h"
 
@@ -22,8 +23,8 @@ const EngineRow kEngineTable[] = {
     {L"klv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"wmv", []() -> AdvanceRepairBase* { return nullptr; }},
     {L"asf", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"mpeg", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"mpg", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mpeg", []() -> AdvanceRepairBase* { return new MpegAdvanceRepair(); }},
+    {L"mpg", []() -> AdvanceRepairBase* { return new MpegAdvanceRepair(); }},
 };
 
 const char* const kRefused[] = {"mp4", "mov", "3gp", "3g2", "m4v", "insv", "360", "m4a"};
