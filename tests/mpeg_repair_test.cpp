@@ -184,6 +184,11 @@ void ExpectRepairs(const MpegMedia& media, const std::string& damagedName, const
     ASSERT_EQ(manager->GetRepairedFilePath(out, Wide(damaged).c_str()), 0);
     const std::string repaired = Narrow(out);
     EXPECT_EQ(repaired.substr(repaired.size() - 5), ".mpeg");
+    std::vector<std::string> events = manager.observer().Events();
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(events.front(), "start");
+    EXPECT_EQ(events[events.size() - 2], "p0:100");
+    EXPECT_EQ(events.back(), "finish");
 
     const std::vector<FrameSpan> frames = VideoFrameSpans(media.damagedSource);
     const int survived = DecodableSurvivors(frames, int64_t(before.size()), damage.overwritten);

@@ -92,38 +92,35 @@ int MpegAdvanceRepair::ParseSampleVideo() {
         ENGINE_LOG(kLogInfo, "[Sprt] create sample file stream failed.", "");
         return -1;
     }
-    std::wstring videoPath = ExtractSampleVideoStream();
+    MpegPrefixLearner learner(LearnerControl());
+    const std::wstring videoPath = ExtractSampleVideoStream();
     if (videoPath.empty()) {
         sample_.Close();
         return -1;
     }
-    std::wstring audioPath = ExtractSampleAudioStream();
-    LearnPrefixes(videoPath, audioPath);
+    videoPrefixBytes_ = learner.LearnVideoPrefix(sample_, videoPath);
+    ENGINE_LOG(kLogInfo, Format("[MpegAdvanceRepair] Video prefix bytes:%u.", unsigned(videoPrefixBytes_)), "");
+    RemoveQuietly(videoPath);  // the extractions serve only the learning
+
+    sample_.Seek(0);
+    const std::wstring audioPath = ExtractSampleAudioStream();
+    if (audioPath.empty()) {
+        noAudio_ = true;  // video-only repair
+    } else {
+        audioPrefixBytes_ = learner.LearnAudioPrefix(sample_, audioPath);
+        ENGINE_LOG(kLogInfo, Format("[MpegAdvanceRepair] Audio prefix bytes:%u.", unsigned(audioPrefixBytes_)), "");
+        RemoveQuietly(audioPath);
+    }
     sample_.Close();
-    // The extractions served only to learn the prefixes.
-    RemoveQuietly(videoPath);
-    RemoveQuietly(audioPath);
     return 0;
 }
 
-void MpegAdvanceRepair::LearnPrefixes(const std::wstring& videoPath, const std::wstring& audioPath) {
+MpegPrefixLearner::Control MpegAdvanceRepair::LearnerControl() {
     MpegPrefixLearner::Control control;
     control.progress = [this](int percent) { ReportProgress(percent); };
     control.pauseThenShouldStop = [this]() { return PauseThenShouldStop(); };
     control.stopRequested = [this]() { return IsStopRequested(); };
-    MpegPrefixLearner learner(std::move(control));
-
-    sample_.Seek(0);
-    videoPrefixBytes_ = learner.LearnVideoPrefix(sample_, videoPath);
-    ENGINE_LOG(kLogInfo, Format("[MpegAdvanceRepair] Video prefix bytes:%u.", unsigned(videoPrefixBytes_)), "");
-
-    sample_.Seek(0);
-    if (audioPath.empty()) {
-        noAudio_ = true;  // video-only repair
-        return;
-    }
-    audioPrefixBytes_ = learner.LearnAudioPrefix(sample_, audioPath);
-    ENGINE_LOG(kLogInfo, Format("[MpegAdvanceRepair] Audio prefix bytes:%u.", unsigned(audioPrefixBytes_)), "");
+    return control;
 }
 
 // The sample's directory joined with its base name; the extractions go beside the sample.

@@ -10,6 +10,7 @@
 
 #include "AdvanceRepairBase.h"
 #include "MpegPesMatcher.h"
+#include "MpegPrefixLearner.h"
 #include "SampleRecord.h"
 #include "io/PositionedReader.h"
 
@@ -38,7 +39,7 @@ private:
     std::wstring ExtractSampleVideoStream();
     std::wstring ExtractSampleAudioStream();
     std::wstring ExtractSampleStream(const std::vector<std::string>& args, const std::string& outPath);
-    void LearnPrefixes(const std::wstring& videoPath, const std::wstring& audioPath);
+    MpegPrefixLearner::Control LearnerControl();
     bool OpenReader(PositionedReader& reader, const std::wstring& path);
 
     void ScanDamagedFile();
