@@ -3,6 +3,7 @@
 #include "AviAdvanceRepair.h"
 #include "FlvAdvanceRepair.h"
 #include "MkvAdvanceRepair.h"
+#include "MpegAdvanceRepair.h"
 #include "MtsAdvanceRepair.h"
 #include "MxfAdvanceRepair.h"
 #include "TextUtil.h"
@@ -11,8 +12,7 @@
 
 namespace {
 
-// Tested in this order, with the extension's letter case exact. A row whose
-// engine is not built yet creates nothing.
+// Tested in this order, with the extension's letter case exact.
 const EngineTable kEngineTable = {
     {L"flv", []() -> AdvanceRepairBase* { return new FlvAdvanceRepair(); }},
     {L"avi", []() -> AdvanceRepairBase* { return new AviAdvanceRepair(); }},
@@ -23,8 +23,8 @@ const EngineTable kEngineTable = {
     {L"klv", []() -> AdvanceRepairBase* { return new MxfAdvanceRepair(); }},
     {L"wmv", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
     {L"asf", []() -> AdvanceRepairBase* { return new WmvAdvanceRepair(); }},
-    {L"mpeg", []() -> AdvanceRepairBase* { return nullptr; }},
-    {L"mpg", []() -> AdvanceRepairBase* { return nullptr; }},
+    {L"mpeg", []() -> AdvanceRepairBase* { return new MpegAdvanceRepair(); }},
+    {L"mpg", []() -> AdvanceRepairBase* { return new MpegAdvanceRepair(); }},
 };
 
 const char* const kRefused[] = {"mp4", "mov", "3gp", "3g2", "m4v", "insv", "360", "m4a"};
