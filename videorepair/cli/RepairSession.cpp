@@ -37,7 +37,11 @@ void RepairSession::Observer::OnResumed() {
 RepairSession::RepairSession(ProgressDisplay& display) : display_(display), observer_(display) {}
 
 RepairSession::~RepairSession() {
-    stopWatching_.store(true);
+    {
+        std::lock_guard<std::mutex> guard(watchLock_);
+        stopWatching_ = true;
+    }
+    watchWake_.notify_all();
     if (watcher_.joinable()) watcher_.join();
     if (manager_ != nullptr) manager_->Release();  // hosts release, never delete, the manager
 }
@@ -73,7 +77,7 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const std::string& 
     outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     display_.End();
     outcome.started = observer_.started.load();
-    outcome.cancelled = cancelRequested_.load();
+    outcome.cancelled = CancelRequested();
     if (outcome.result == 0) {
         std::vector<wchar_t> path(kPathBufferChars, L'\0');
         if (manager_->GetRepairedFilePath(path.data(), damagedWide.c_str()) == 0) {
@@ -94,11 +98,16 @@ bool RepairSession::Save(const std::string& damaged, const std::string& destinat
     return false;
 }
 
+bool RepairSession::CancelRequested() const {
+    return cancelRequested_.load() || console::InterruptCount() > 0;
+}
+
 void RepairSession::Watch() {
-    while (!stopWatching_.load()) {
+    std::unique_lock<std::mutex> guard(watchLock_);
+    while (!stopWatching_) {
         HandleRequests();
         display_.Tick();
-        std::this_thread::sleep_for(kWatchInterval);
+        watchWake_.wait_for(guard, kWatchInterval);
     }
 }
 

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -40,7 +42,8 @@ public:
     // SaveAs; false with the library's reason in error.
     bool Save(const std::string& damaged, const std::string& destination, std::string& error);
 
-    bool CancelRequested() const { return cancelRequested_.load(); }
+    // Ctrl-C counts from the moment the signal arrives, before the watcher acts on it.
+    bool CancelRequested() const;
     const std::string& LogPath() const { return log_.Path(); }
 
 private:
@@ -68,7 +71,9 @@ private:
     IVideoRepairManager* manager_ = nullptr;
     LogTail log_{std::string()};
     std::thread watcher_;
-    std::atomic<bool> stopWatching_{false};
+    std::mutex watchLock_;
+    std::condition_variable watchWake_;
+    bool stopWatching_ = false;
     std::atomic<bool> cancelRequested_{false};
     int interruptsSeen_ = 0;
     int pauseTogglesSeen_ = 0;
