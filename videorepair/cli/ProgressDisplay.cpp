@@ -9,6 +9,7 @@ constexpr int kBarWidth = 30;
 constexpr size_t kLabelWidth = 24;
 constexpr int kLineStep = 10;                          // percent between plain lines
 constexpr std::chrono::seconds kLineHeartbeat{5};      // a plain line at least this often
+constexpr int kMinimumForEstimate = 10;                // below this an estimate is a guess
 
 std::string Shortened(const std::string& label) {
     if (label.size() <= kLabelWidth) return label + std::string(kLabelWidth - label.size(), ' ');
@@ -52,7 +53,7 @@ std::string ProgressDisplay::StatusText(int percent) const {
     double elapsed = std::chrono::duration<double>(Clock::now() - begin_).count();
     std::string text = FormatClock(elapsed) + " elapsed";
     if (paused_.load()) return text + ", paused (Ctrl-Z resumes)";
-    if (percent > 0 && percent < 100) {
+    if (percent >= kMinimumForEstimate && percent < 100) {
         text += ", ~" + FormatClock(elapsed * (100 - percent) / percent) + " left";
     }
     return text;

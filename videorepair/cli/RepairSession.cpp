@@ -65,6 +65,9 @@ bool RepairSession::Open(const std::string& logDirectory, const std::string& wor
 RepairOutcome RepairSession::Run(const std::string& damaged, const std::string& sample, const std::string& label) {
     RepairOutcome outcome;
     std::wstring damagedWide = wide_text::ToWide(damaged);
+    // A pause belonged to the previous file; an engine made for this one would
+    // not even know of it.
+    if (observer_.paused.load()) manager_->Resume(0);
     observer_.started.store(false);
     log_.Mark();
     display_.Begin(label);
