@@ -74,9 +74,10 @@ row_format='%-13s %-28s %-6s %-13s %8s %8s %8s  %8s %8s'
 # demo_row EXT "SAMPLE ARGS" "SOURCE ARGS" "DAMAGE TEXT" "DAMAGE COMMAND" repair|remux
 demo_row() {
   local ext="$1" sample_args="$2" source_args="$3" damage_text="$4" damage_cmd="$5" method="$6"
-  local dir="$work/$ext"
+  local n=$(( ${#rows[@]} + 1 ))
+  local dir="$work/$n-$ext"
   mkdir -p "$dir"
-  local sample="$dir/sample.$ext" source="$dir/original.$ext" damaged="$dir/damaged.$ext"
+  local sample="$dir/sample.$ext" source="$dir/original.$ext" damaged="$dir/clip$n.$ext"
   local repaired="$dir/repaired.$ext"
   # shellcheck disable=SC2086  # the argument strings are meant to split into words
   "$ffmpeg" -nostdin -v error -y $sample_args "$sample"
@@ -95,7 +96,7 @@ demo_row() {
   local after="-" after_duration="-"
   if [ -f "$repaired" ]; then after=$(frames_of "$repaired"); after_duration=$(duration_of "$repaired"); fi
   rows+=("$(printf "$row_format" \
-    "damaged.$ext" "$damage_text" "$method" "$(result_of "$code")" \
+    "clip$n.$ext" "$damage_text" "$method" "$(result_of "$code")" \
     "$(frames_of "$source")" "$(frames_of "$damaged")" "$after" \
     "$(duration_of "$damaged")" "$after_duration")")
 }
@@ -110,9 +111,9 @@ demo_row flv "$(lavfi_av 2) -c:v flv1 -c:a mp3" "$(lavfi_av 4) -c:v flv1 -c:a mp
   "last 40% cut off" "cut_tail 40" remux
 demo_row ts "$(lavfi_av 2) -c:v mpeg2video -c:a mp2" "$(lavfi_av 4) -c:v mpeg2video -c:a mp2" \
   "30% cut out of the middle" "cut_middle 30" remux
-# An engine adds its row the same way, e.g.:
-# demo_row avi "$(lavfi_av 2) -c:v mjpeg -c:a pcm_s16le" "$(lavfi_av 4) -c:v mjpeg -c:a pcm_s16le" \
-#   "zero 64 KiB at 40%" "zero_bytes 200000 65536" repair
+# Engine repairs guided by a sample ("no engine yet" until the container's engine is built in).
+demo_row avi "$(lavfi_av 2) -c:v mjpeg -c:a pcm_s16le" "$(lavfi_av 4) -c:v mjpeg -c:a pcm_s16le" \
+  "header zeroed (first 8 KiB)" "zero_bytes 0 8192" repair
 
 echo
 printf '%-13s %-28s %-6s %-13s %-26s  %s\n' "" "" "" "" "   video frames that decode" " container duration"
@@ -121,4 +122,4 @@ printf "$row_format\n" "file" "damage" "method" "result" "original" "damaged" "r
 printf '%s\n' "${rows[@]}"
 echo
 echo "frames: video frames that decode (ffprobe -count_frames); duration: what the container claims."
-echo "Files and reports: $work/<ext>/; the library's log: $work/vr/KzVideoRepair.log"
+echo "Files and reports: $work/<row>-<ext>/; the library's log: $work/vr/KzVideoRepair.log"

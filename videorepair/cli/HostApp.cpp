@@ -152,7 +152,9 @@ void HostApp::Classify(const RepairOutcome& outcome, FileResult& file) const {
     if (outcome.result == 0 && !outcome.repairedPath.empty()) {
         file.status = outcome.cancelled ? "cancelled" : "repaired";
         file.exitCode = outcome.cancelled ? exit_codes::kCancelled : exit_codes::kOk;
-        file.repairedPath = outcome.repairedPath;
+        // The library names it relative to the damaged path as given; ours is the same folder.
+        file.repairedPath = Poco::Path(outcome.repairedPath).absolute().toString();
+        if (outcome.cancelled) file.error = "cancelled: the repaired file holds what was found until then";
         return;
     }
     if (ffmpegMissing) {

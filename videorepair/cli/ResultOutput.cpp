@@ -99,7 +99,7 @@ void PrintFileReport(std::FILE* out, const FileResult& file, const RunSummary& r
     if (file.repairedPath.empty()) return;
     std::string name = FileName(file.input);
     std::fprintf(out, "%s: %s in %s\n", name.c_str(), file.status.c_str(), FormatClock(file.seconds).c_str());
-    if (!file.error.empty()) std::fprintf(out, "  error     %s\n", file.error.c_str());
+    if (!file.error.empty()) std::fprintf(out, "  note      %s\n", file.error.c_str());
     std::fprintf(out, "  repaired  %s\n", file.repairedPath.c_str());
     if (!file.savedPath.empty()) std::fprintf(out, "  saved as  %s\n", file.savedPath.c_str());
     if (!file.probed) return;
