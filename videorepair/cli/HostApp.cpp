@@ -101,14 +101,8 @@ bool HostApp::PrepareOutput() {
     const std::string& output = options_.output;
     bool existingDirectory = Poco::File(output).exists() && Poco::File(output).isDirectory();
     outputIsDirectory_ = existingDirectory || options_.inputs.size() > 1 || output.back() == '/';
-    for (const std::string& input : options_.inputs) {
-        if (!outputIsDirectory_ && SameFile(input, output)) {
-            Fail("-o " + output + " is the damaged file itself; it is never overwritten", exit_codes::kUsage);
-            return false;
-        }
-    }
-    if (!outputIsDirectory_ && !options_.sample.empty() && SameFile(options_.sample, output)) {
-        Fail("-o " + output + " is the sample file; it is never overwritten", exit_codes::kUsage);
+    if (!outputIsDirectory_ && IsProtected(output)) {
+        Fail("-o " + output + " is a damaged file or the sample; they are never overwritten", exit_codes::kUsage);
         return false;
     }
     if (outputIsDirectory_ && Poco::File(output).exists() && !existingDirectory) {
@@ -118,13 +112,21 @@ bool HostApp::PrepareOutput() {
     return true;
 }
 
+bool HostApp::IsProtected(const std::string& path) const {
+    if (!options_.sample.empty() && SameFile(path, options_.sample)) return true;
+    for (const std::string& input : options_.inputs) {
+        if (SameFile(path, input)) return true;
+    }
+    return false;
+}
+
 std::string HostApp::DestinationFor(const std::string& input) {
     if (!outputIsDirectory_) return options_.output;
     Poco::Path name(input);
     Poco::Path directory = Poco::Path(options_.output).makeDirectory();
     std::string candidate = Poco::Path(directory, name.getFileName()).toString();
-    // Never onto the damaged file (same folder), never twice onto one name.
-    for (int n = 1; SameFile(candidate, input) || destinationsUsed_.count(candidate) > 0; ++n) {
+    // Never onto a damaged file or the sample, never twice onto one name.
+    for (int n = 1; IsProtected(candidate) || destinationsUsed_.count(candidate) > 0; ++n) {
         std::string suffix = n == 1 ? "_repaired" : "_repaired" + std::to_string(n);
         Poco::Path renamed(directory, name.getBaseName() + suffix);
         if (!name.getExtension().empty()) renamed.setExtension(name.getExtension());

@@ -22,6 +22,7 @@ private:
     FileResult Process(class RepairSession& session, const std::string& input, size_t position);
     void Classify(const struct RepairOutcome& outcome, FileResult& file) const;
     std::string DestinationFor(const std::string& input);
+    bool IsProtected(const std::string& path) const;  // an input or the sample
     void Fail(const std::string& message, int exitCode);
     int Finish();
     std::FILE* HumanOut() const { return options_.json ? stderr : stdout; }

@@ -126,6 +126,7 @@ void PrintSummaryTable(std::FILE* out, const RunSummary& run) {
 
 void PrintJson(std::FILE* out, const RunSummary& run) {
     Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
+    object.set("version", VIDEOREPAIR_VERSION);
     object.set("command", run.command);
     object.set("sample", TextOrNull(run.sample));
     object.set("sampleReport", run.sampleProbed ? Poco::Dynamic::Var(FactsJson(run.sampleFacts)) : Poco::Dynamic::Var());
