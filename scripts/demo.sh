@@ -95,6 +95,7 @@ demo_row() {
 
   local after="-" after_duration="-"
   if [ -f "$repaired" ]; then after=$(frames_of "$repaired"); after_duration=$(duration_of "$repaired"); fi
+  # shellcheck disable=SC2059  # one format shared by the header and the rows
   rows+=("$(printf "$row_format" \
     "clip$n.$ext" "$damage_text" "$method" "$(result_of "$code")" \
     "$(frames_of "$source")" "$(frames_of "$damaged")" "$after" \
