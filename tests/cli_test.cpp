@@ -1,0 +1,434 @@
+// The `videorepair` program, run as a user runs it: exit codes, messages, the
+// JSON object, a remux end to end, and Ctrl-C during an engine repair.
+#include <gtest/gtest.h>
+
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace testing_support;
+
+constexpr int kRepairFailed = 1;
+constexpr int kUsage = 2;
+constexpr int kUnsupported = 3;
+constexpr int kMissingFile = 4;
+constexpr int kFfmpegMissing = 5;
+constexpr int kCancelled = 7;
+
+std::string Program() { return BinDir() + "/videorepair"; }
+
+// The program as a child with its stdout and stderr captured apart, so that
+// a test can wait for a line on stderr and send it a signal.
+class CliProcess {
+public:
+    explicit CliProcess(const std::vector<std::string>& args, const std::string& program = Program()) {
+        std::vector<std::string> argv = {program};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char*> raw;
+        for (auto& a : argv) raw.push_back(const_cast<char*>(a.c_str()));
+        raw.push_back(nullptr);
+        int outPipe[2], errPipe[2];
+        if (pipe(outPipe) != 0 || pipe(errPipe) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) posix_spawn_file_actions_addclose(&actions, fd);
+        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0) pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        close(outPipe[1]);
+        close(errPipe[1]);
+        outFd_ = outPipe[0];
+        errFd_ = errPipe[0];
+    }
+
+    ~CliProcess() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            Wait();
+        }
+    }
+
+    // Reads output until stderr holds text or both pipes are closed.
+    bool WaitForStderr(const std::string& text) {
+        while (err.find(text) == std::string::npos) {
+            if (!ReadSome()) return false;
+        }
+        return true;
+    }
+
+    void Signal(int signalNumber) {
+        if (pid_ > 0) kill(pid_, signalNumber);
+    }
+
+    // Exit code, or 128 + signal.
+    int Wait() {
+        while (ReadSome()) {
+        }
+        if (pid_ <= 0) return -1;
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    std::string out;
+    std::string err;
+
+private:
+    bool ReadSome() {
+        std::vector<pollfd> fds;
+        for (int fd : {outFd_, errFd_}) {
+            if (fd >= 0) fds.push_back({fd, POLLIN, 0});
+        }
+        if (fds.empty()) return false;
+        if (poll(fds.data(), nfds_t(fds.size()), -1) < 0) return false;
+        for (const pollfd& p : fds) {
+            if ((p.revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+            char buffer[4096];
+            ssize_t n = read(p.fd, buffer, sizeof buffer);
+            int& fd = p.fd == outFd_ ? outFd_ : errFd_;
+            std::string& sink = p.fd == outFd_ ? out : err;
+            if (n > 0) {
+                sink.append(buffer, size_t(n));
+            } else {
+                close(fd);
+                fd = -1;
+            }
+        }
+        return true;
+    }
+
+    pid_t pid_ = -1;
+    int outFd_ = -1;
+    int errFd_ = -1;
+};
+
+struct CliRun {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+CliRun RunCli(const std::vector<std::string>& args) {
+    CliProcess process(args);
+    int code = process.Wait();
+    return {code, process.out, process.err};
+}
+
+Poco::JSON::Object::Ptr ParseJson(const std::string& text) {
+    Poco::JSON::Parser parser;
+    return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
+}
+
+Poco::JSON::Object::Ptr FirstFile(const Poco::JSON::Object::Ptr& run) {
+    return run->getArray("files")->getObject(0);
+}
+
+std::string Truncated(const std::string& source, double keep, const std::string& target) {
+    std::string bytes = ReadFile(source);
+    WriteFile(target, bytes.substr(0, size_t(double(bytes.size()) * keep)));
+    return target;
+}
+
+std::string ShortMkv() {
+    return GeneratedMedia("cli_clip.mkv", {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=3", "-f",
+                                           "lavfi", "-i", "sine=duration=3", "-c:v", "mpeg4", "-q:v", "5", "-c:a",
+                                           "pcm_s16le"});
+}
+
+// The demuxer ffprobe picks for a file, empty when it does not open.
+std::string FormatName(const std::string& path) {
+    std::string out;
+    if (RunProgram({VR_TEST_FFPROBE, "-v", "error", "-show_entries", "format=format_name", "-of", "csv=p=0", path},
+                   &out) != 0) {
+        return std::string();
+    }
+    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
+    return out;
+}
+
+// A copy of the program in dir: the library then looks for ffmpeg in dir.
+std::string CopiedProgram(const TempDir& dir) {
+    fs::copy_file(Program(), dir.file("videorepair"));
+    fs::permissions(dir.file("videorepair"), fs::perms::owner_all, fs::perm_options::add);
+    return dir.file("videorepair");
+}
+
+// An "ffmpeg" beside the copied program that takes its time. The library calls
+// it as: -y -i INPUT -codec copy OUTPUT.
+void SlowFfmpeg(const TempDir& dir, const std::string& seconds) {
+    WriteFile(dir.file("ffmpeg"), "#!/bin/sh\nsleep " + seconds + "\ncp \"$3\" \"$6\"\n");
+    fs::permissions(dir.file("ffmpeg"), fs::perms::owner_all, fs::perm_options::add);
+}
+
+}  // namespace
+
+TEST(CliUsage, HelpListsEveryExitCodeAndVersionAnswers) {
+    CliRun help = RunCli({"--help"});
+    ASSERT_EQ(help.code, 0);
+    size_t section = help.out.find("Exit codes:");
+    ASSERT_NE(section, std::string::npos) << help.out;
+    std::string codes = help.out.substr(section);
+    for (const char* line : {"  0  ", "  1  ", "  2  bad command line", "  3  unsupported or refused",
+                             "  4  ", "  5  ffmpeg", "  6  ", "  7  cancelled", "  8  ", "130  "}) {
+        EXPECT_NE(codes.find(line), std::string::npos) << "missing exit code line " << line;
+    }
+    CliRun version = RunCli({"--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out.rfind("videorepair ", 0), 0u) << version.out;
+}
+
+TEST(CliUsage, BadArgumentsGiveTheUsageCodeAndSayWhy) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const Case cases[] = {
+        {{}, "no command given"},
+        {{"frobnicate", "a.avi"}, "unknown command 'frobnicate'"},
+        {{"repair", "a.avi"}, "repair needs a sample file"},
+        {{"remux", "--bogus", "a.mkv"}, "unknown option '--bogus'"},
+        {{"remux", "a.mkv", "-o"}, "option -o needs a value"},
+        {{"remux"}, "remux needs at least one damaged file"},
+        {{"remux", "a.mkv", "--sample", "s.mkv"}, "remux uses no sample"},
+        {{"remux", "a.mkv", "--work-dir="}, "needs a non-empty value"},
+    };
+    for (const Case& c : cases) {
+        CliRun run = RunCli(c.args);
+        EXPECT_EQ(run.code, kUsage) << c.message;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find("usage: videorepair"), std::string::npos) << run.err;
+        EXPECT_TRUE(run.out.empty()) << run.out;
+    }
+}
+
+TEST(CliFiles, MissingDamagedFileOrSampleIsNamed) {
+    TempDir dir("cli");
+    WriteFile(dir.file("sample.avi"), "RIFF");
+    CliRun noInput = RunCli({"remux", dir.file("gone.mkv"), "--work-dir", dir.file("work")});
+    EXPECT_EQ(noInput.code, kMissingFile);
+    EXPECT_NE(noInput.err.find(dir.file("gone.mkv") + ": damaged file not found"), std::string::npos) << noInput.err;
+
+    CliRun noSample = RunCli({"repair", dir.file("sample.avi"), "--sample", dir.file("nosample.avi"), "--work-dir",
+                           dir.file("work")});
+    EXPECT_EQ(noSample.code, kMissingFile);
+    EXPECT_NE(noSample.err.find("sample " + dir.file("nosample.avi") + ": not found"), std::string::npos)
+        << noSample.err;
+
+    CliRun directory = RunCli({"remux", dir.path(), "--work-dir", dir.file("work")});
+    EXPECT_EQ(directory.code, kMissingFile);
+    EXPECT_NE(directory.err.find("not a regular file"), std::string::npos) << directory.err;
+}
+
+TEST(CliFiles, RefusedAndUnknownExtensionsAreReportedAndLeftAlone) {
+    TempDir dir("cli");
+    const std::string bytes = "not really a movie";
+    for (const std::string name : {"clip.mp4", "CLIP.MOV"}) {
+        WriteFile(dir.file(name), bytes);
+        for (const std::vector<std::string>& args :
+             {std::vector<std::string>{"remux", dir.file(name)},
+              std::vector<std::string>{"repair", dir.file(name), "--sample", dir.file(name)}}) {
+            std::vector<std::string> full = args;
+            full.insert(full.end(), {"--work-dir", dir.file("work")});
+            CliRun run = RunCli(full);
+            EXPECT_EQ(run.code, kUnsupported) << name;
+            EXPECT_NE(run.err.find(dir.file(name) + ": refused"), std::string::npos) << run.err;
+        }
+        EXPECT_EQ(ReadFile(dir.file(name)), bytes);
+    }
+    WriteFile(dir.file("clip.ts"), bytes);
+    CliRun ts = RunCli({"repair", dir.file("clip.ts"), "--sample", dir.file("clip.ts"), "--work-dir", dir.file("work")});
+    EXPECT_EQ(ts.code, kUnsupported);
+    EXPECT_NE(ts.err.find("no repair engine for '.ts' files"), std::string::npos) << ts.err;
+}
+
+TEST(CliFiles, OutputOntoTheDamagedFileIsRefusedBeforeAnythingRuns) {
+    TempDir dir("cli");
+    WriteFile(dir.file("clip.mkv"), "damaged bytes");
+    CliRun run = RunCli({"remux", dir.file("clip.mkv"), "-o", dir.file("clip.mkv"), "--work-dir", dir.file("work")});
+    EXPECT_EQ(run.code, kUsage);
+    EXPECT_NE(run.err.find("never overwritten"), std::string::npos) << run.err;
+    CliRun sample = RunCli({"repair", dir.file("clip.mkv"), "--sample", dir.file("clip.mkv"), "-o", dir.file("clip.mkv"),
+                         "--work-dir", dir.file("work")});
+    EXPECT_EQ(sample.code, kUsage);
+    EXPECT_EQ(ReadFile(dir.file("clip.mkv")), "damaged bytes");
+}
+
+TEST(CliRemux, TruncatedMkvIsRemuxedSavedAndReportedInJson) {
+    std::string source = ShortMkv();
+    ASSERT_FALSE(source.empty());
+    TempDir dir("cli");
+    std::string damaged = Truncated(source, 0.6, dir.file("damaged clip.mkv"));
+    std::string before = ReadFile(damaged);
+
+    CliRun run = RunCli({"remux", damaged, "-o", dir.file("saved/clip.mkv"), "--json", "--work-dir", dir.file("work")});
+    ASSERT_EQ(run.code, 0) << run.err;
+    Poco::JSON::Object::Ptr json = ParseJson(run.out);  // stdout holds nothing but the object
+    EXPECT_EQ(json->getValue<std::string>("command"), "remux");
+    EXPECT_FALSE(json->getValue<std::string>("version").empty());
+    EXPECT_EQ(json->getValue<int>("exitCode"), 0);
+    EXPECT_FALSE(json->getValue<bool>("cancelled"));
+    EXPECT_EQ(json->getValue<std::string>("logFile"), dir.file("work") + "/KzVideoRepair.log");
+    Poco::JSON::Object::Ptr file = FirstFile(json);
+    EXPECT_EQ(file->getValue<std::string>("input"), damaged);
+    EXPECT_EQ(file->getValue<std::string>("status"), "repaired");
+    EXPECT_EQ(file->getValue<int>("exitCode"), 0);
+    EXPECT_EQ(file->getValue<int>("libraryResult"), 0);
+    EXPECT_TRUE(file->isNull("error"));
+    std::string repaired = file->getValue<std::string>("repairedPath");
+    EXPECT_EQ(repaired.rfind(dir.file("work") + "/RepairedVideo/", 0), 0u) << repaired;
+    EXPECT_EQ(fs::path(repaired).extension(), ".mkv");
+    EXPECT_EQ(file->getValue<std::string>("savedPath"), dir.file("saved/clip.mkv"));
+
+    Poco::JSON::Object::Ptr after = file->getObject("report")->getObject("repaired");
+    ASSERT_TRUE(after);
+    EXPECT_TRUE(after->getValue<bool>("opens"));
+    int reportedFrames = after->getValue<int>("videoFrames");
+    EXPECT_GT(after->getValue<double>("durationSeconds"), 1.0);
+    EXPECT_EQ(after->getArray("streams")->size(), 2u);
+    EXPECT_EQ(after->getArray("streams")->getObject(0)->getValue<std::string>("codec"), "mpeg4");
+
+    // About 60% of 75 frames survive; the saved copy decodes as many as reported.
+    int decoded = CountDecodedVideoFrames(dir.file("saved/clip.mkv"));
+    EXPECT_NEAR(decoded, 45, 8);
+    EXPECT_NEAR(reportedFrames, decoded, 1);
+    EXPECT_TRUE(file->getObject("report")->getObject("damaged")->getValue<bool>("opens"));
+    EXPECT_EQ(ReadFile(damaged), before);
+}
+
+TEST(CliRemux, SeveralFilesIntoOneDirectoryEndWithASummaryTable) {
+    std::string source = ShortMkv();
+    ASSERT_FALSE(source.empty());
+    TempDir dir("cli");
+    std::string first = Truncated(source, 0.5, dir.file("a.mkv"));
+    fs::create_directories(dir.file("card"));
+    std::string second = Truncated(source, 0.8, dir.file("card/a.mkv"));  // same name, other folder
+
+    std::string firstBytes = ReadFile(first);
+
+    // Into the folder that holds the first damaged file: it must survive.
+    CliRun run = RunCli({"remux", first, second, dir.file("missing.mkv"), "-o", dir.path(), "--work-dir",
+                         dir.file("work")});
+    EXPECT_EQ(run.code, kMissingFile) << run.err;  // the first file that did not succeed
+    EXPECT_NE(run.out.find("video frames"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("frames before"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("missing"), std::string::npos) << run.out;
+    EXPECT_EQ(ReadFile(first), firstBytes);
+    EXPECT_NEAR(CountDecodedVideoFrames(dir.file("a_repaired.mkv")), 37, 8);
+    EXPECT_NEAR(CountDecodedVideoFrames(dir.file("a_repaired2.mkv")), 60, 8);
+}
+
+TEST(CliRemux, UnreadableMediaFailsWithTheLibrarysReason) {
+    TempDir dir("cli");
+    WriteFile(dir.file("noise.mkv"), std::string(20000, '\x5a'));
+    CliRun run = RunCli({"remux", dir.file("noise.mkv"), "--json", "--work-dir", dir.file("work")});
+    EXPECT_EQ(run.code, kRepairFailed);
+    EXPECT_NE(run.err.find("FfmpegRepair failed, ret:"), std::string::npos) << run.err;
+    Poco::JSON::Object::Ptr file = FirstFile(ParseJson(run.out));
+    EXPECT_EQ(file->getValue<std::string>("status"), "failed");
+    EXPECT_TRUE(file->isNull("repairedPath"));
+    EXPECT_NE(file->getValue<std::string>("error").find("ffmpeg:"), std::string::npos);
+}
+
+TEST(CliRemux, WithoutFfmpegBesideTheProgramTheCodeSaysSo) {
+    TempDir dir("cli");
+    // The library looks for ffmpeg beside the running program: a copy elsewhere has none.
+    std::string program = CopiedProgram(dir);
+    WriteFile(dir.file("clip.mkv"), "bytes");
+    CliProcess process({"remux", dir.file("clip.mkv"), "--work-dir", dir.file("work")}, program);
+    EXPECT_EQ(process.Wait(), kFfmpegMissing);
+    EXPECT_NE(process.err.find("ffmpeg not found beside the videorepair program"), std::string::npos) << process.err;
+}
+
+TEST(CliRepair, CtrlCDuringAnAviRepairStillLeavesARepairedFile) {
+    std::string sample = GeneratedMedia("cli_sample.avi", {"-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25:duration=2",
+                                                          "-f", "lavfi", "-i", "sine=duration=2", "-c:v", "mjpeg",
+                                                          "-c:a", "pcm_s16le"});
+    ASSERT_FALSE(sample.empty());
+    TempDir dir("cli");
+    CliRun probe = RunCli({"repair", Truncated(sample, 0.7, dir.file("probe.avi")), "--sample", sample, "--work-dir",
+                        dir.file("work")});
+    if (probe.code == kUnsupported) GTEST_SKIP() << "this build has no AVI engine yet";
+
+    std::string large = GeneratedMedia("cli_large.avi", {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25:duration=40",
+                                                        "-f", "lavfi", "-i", "sine=duration=40", "-c:v", "mjpeg",
+                                                        "-q:v", "2", "-c:a", "pcm_s16le"});
+    ASSERT_FALSE(large.empty());
+    std::string damaged = Truncated(large, 0.9, dir.file("large.avi"));
+    std::string before = ReadFile(damaged);
+    CliProcess process({"repair", damaged, "--sample", sample, "--json", "--work-dir", dir.file("work")});
+    // The first progress line means the scan is under way.
+    ASSERT_TRUE(process.WaitForStderr("% (")) << process.err;
+    process.Signal(SIGINT);
+    int code = process.Wait();
+    // The signal may land after the engine finished; either way a result is there.
+    EXPECT_TRUE(code == kCancelled || code == 0) << code << process.err;
+    Poco::JSON::Object::Ptr file = FirstFile(ParseJson(process.out));
+    EXPECT_EQ(file->getValue<std::string>("status"), code == kCancelled ? "cancelled" : "repaired");
+    std::string repaired = file->getValue<std::string>("repairedPath");
+    // Stopped early, the engine still writes a whole AVI around what it found.
+    EXPECT_EQ(FormatName(repaired), "avi") << repaired;
+    if (code == 0) {
+        EXPECT_GT(CountDecodedVideoFrames(repaired), 0) << repaired;
+    }
+    EXPECT_TRUE(ReadFile(damaged) == before);
+}
+
+TEST(CliSignals, CtrlCOnceCancelsYetKeepsAndSavesTheResult) {
+    TempDir dir("cli");
+    std::string program = CopiedProgram(dir);
+    SlowFfmpeg(dir, "1");
+    WriteFile(dir.file("clip.mkv"), "what ffmpeg found");
+    WriteFile(dir.file("later.mkv"), "never reached");
+    CliProcess process({"remux", dir.file("clip.mkv"), dir.file("later.mkv"), "-o", dir.file("out"), "--json",
+                        "--work-dir", dir.file("work")},
+                       program);
+    ASSERT_TRUE(process.WaitForStderr("started")) << process.err;
+    process.Signal(SIGINT);
+    EXPECT_EQ(process.Wait(), kCancelled) << process.err;
+    EXPECT_NE(process.err.find("Cancelling"), std::string::npos) << process.err;
+    Poco::JSON::Object::Ptr json = ParseJson(process.out);
+    EXPECT_TRUE(json->getValue<bool>("cancelled"));
+    Poco::JSON::Object::Ptr first = FirstFile(json);
+    EXPECT_EQ(first->getValue<std::string>("status"), "cancelled");
+    EXPECT_EQ(ReadFile(first->getValue<std::string>("repairedPath")), "what ffmpeg found");
+    EXPECT_EQ(ReadFile(dir.file("out/clip.mkv")), "what ffmpeg found");
+    Poco::JSON::Object::Ptr second = json->getArray("files")->getObject(1);
+    EXPECT_EQ(second->getValue<std::string>("status"), "skipped");
+    EXPECT_EQ(ReadFile(dir.file("clip.mkv")), "what ffmpeg found");
+}
+
+TEST(CliSignals, SecondCtrlCQuitsAtOnce) {
+    TempDir dir("cli");
+    std::string program = CopiedProgram(dir);
+    SlowFfmpeg(dir, "3");
+    WriteFile(dir.file("clip.mkv"), "bytes");
+    // With --json the progress lines go to stderr, where the test watches them.
+    CliProcess process({"remux", dir.file("clip.mkv"), "--json", "--work-dir", dir.file("work")}, program);
+    ASSERT_TRUE(process.WaitForStderr("started")) << process.err;
+    process.Signal(SIGINT);
+    ASSERT_TRUE(process.WaitForStderr("Ctrl-C again")) << process.out << process.err;
+    process.Signal(SIGINT);
+    EXPECT_EQ(process.Wait(), 130);
+    EXPECT_NE(process.err.find("quitting at once"), std::string::npos) << process.err;
+}

@@ -1,0 +1,26 @@
+// Reads what the library wrote to KzVideoRepair.log during one call, to give the
+// user the library's own reason for a failure.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class LogTail {
+public:
+    explicit LogTail(std::string logPath) : path_(std::move(logPath)) {}
+
+    const std::string& Path() const { return path_; }
+    void Mark();  // from here on
+
+    // The message and value of the last "[ERROR] " line since Mark, without the
+    // level and time stamp; empty when there is none.
+    std::string LastError() const;
+    // The last non-empty line of ffmpeg's output the library logged since Mark.
+    std::string LastFfmpegLine() const;
+
+private:
+    std::string ReadSinceMark() const;
+
+    std::string path_;
+    int64_t mark_ = 0;
+};
