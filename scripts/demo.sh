@@ -40,6 +40,23 @@ zero_bytes() {
   dd if=/dev/zero of="$3" bs=1 seek="$1" count="$2" conv=notrunc status=none
 }
 
+# random_bytes AT_PERCENT LEN_PERCENT FILE: LEN_PERCENT % of the file overwritten with
+# random bytes, starting AT_PERCENT % into it (a bad sector, a broken transfer).
+random_bytes() {
+  local size
+  size=$(size_of "$3")
+  dd if=/dev/urandom of="$3" bs=1 seek="$(( size * $1 / 100 ))" count="$(( size * $2 / 100 ))" \
+    conv=notrunc status=none
+}
+
+# mixed HEADER_BYTES AT_PERCENT LEN_PERCENT CUT_PERCENT FILE: what a card pulled while
+# recording tends to leave: the head zeroed, a range overwritten, the tail lost.
+mixed() {
+  zero_bytes 0 "$1" "$5"
+  random_bytes "$2" "$3" "$5"
+  cut_tail "$4" "$5"
+}
+
 # --- measuring ---------------------------------------------------------------
 
 frames_of() {  # video frames that decode, or "-" when the file does not open
@@ -64,6 +81,10 @@ result_of() {  # videorepair's exit code in words
 
 lavfi_av() {  # DURATION: test picture and tone, as generation arguments
   echo "-f lavfi -i testsrc2=size=320x240:rate=25:duration=$1 -f lavfi -i sine=frequency=440:duration=$1"
+}
+
+lavfi_sample() {  # DURATION: other picture and tone with the same settings, for samples
+  echo "-f lavfi -i testsrc=size=320x240:rate=25:duration=$1 -f lavfi -i sine=frequency=880:duration=$1"
 }
 
 # --- one row -------------------------------------------------------------------
@@ -112,9 +133,25 @@ demo_row flv "$(lavfi_av 2) -c:v flv1 -c:a mp3" "$(lavfi_av 4) -c:v flv1 -c:a mp
   "last 40% cut off" "cut_tail 40" remux
 demo_row ts "$(lavfi_av 2) -c:v mpeg2video -c:a mp2" "$(lavfi_av 4) -c:v mpeg2video -c:a mp2" \
   "30% cut out of the middle" "cut_middle 30" remux
-# Engine repairs guided by a sample ("no engine yet" until the container's engine is built in).
-demo_row avi "$(lavfi_av 2) -c:v mjpeg -c:a pcm_s16le" "$(lavfi_av 4) -c:v mjpeg -c:a pcm_s16le" \
+# Engine repairs guided by a healthy sample from the same "device" (same settings, other content).
+demo_row avi "$(lavfi_sample 2) -c:v mjpeg -c:a pcm_s16le" "$(lavfi_av 4) -c:v mjpeg -c:a pcm_s16le" \
   "header zeroed (first 8 KiB)" "zero_bytes 0 8192" repair
+demo_row avi "$(lavfi_sample 2) -c:v mpeg4 -c:a libmp3lame" "$(lavfi_av 4) -c:v mpeg4 -c:a libmp3lame" \
+  "head, 1% at 30%, last 15%" "mixed 8192 30 1 15" repair
+demo_row flv "$(lavfi_sample 2) -c:v flv1 -q:v 3 -c:a libmp3lame -ar 44100" \
+  "$(lavfi_av 4) -c:v flv1 -q:v 3 -c:a libmp3lame -ar 44100" "head, 1% at 30%, last 10%" "mixed 200 30 1 10" repair
+demo_row mkv "$(lavfi_sample 2) -c:v mpeg4 -g 25 -c:a pcm_s16le" "$(lavfi_av 4) -c:v mpeg4 -g 25 -c:a pcm_s16le" \
+  "head, 2% at 40%, last 30%" "mixed 4096 40 2 30" repair
+demo_row m2ts "$(lavfi_sample 2) -c:v mpeg2video -g 12 -bf 0 -c:a mp2 -f mpegts -mpegts_m2ts_mode 1" \
+  "$(lavfi_av 4) -c:v mpeg2video -g 12 -bf 0 -c:a mp2 -f mpegts -mpegts_m2ts_mode 1" \
+  "head, 8% at 40%, last 20%" "mixed 4096 40 8 20" repair
+demo_row mpg "$(lavfi_sample 2) -c:v mpeg2video -g 12 -b:v 2M -c:a mp2 -f mpeg" \
+  "$(lavfi_av 4) -c:v mpeg2video -g 12 -b:v 2M -c:a mp2 -f mpeg" "head, 2% at 40%, last 30%" "mixed 4096 40 2 30" repair
+demo_row mxf "$(lavfi_sample 2) -c:v mpeg2video -g 12 -bf 0 -c:a pcm_s16le -ar 48000 -ac 2" \
+  "$(lavfi_av 4) -c:v mpeg2video -g 12 -bf 0 -c:a pcm_s16le -ar 48000 -ac 2" \
+  "head, 8% at 40%, last 20%" "mixed 16384 40 8 20" repair
+demo_row wmv "$(lavfi_sample 2) -c:v wmv2 -b:v 1M -c:a wmav2" "$(lavfi_av 4) -c:v wmv2 -b:v 1M -c:a wmav2" \
+  "head, 2% at 40%, last 30%" "mixed 4096 40 2 30" repair
 
 echo
 printf '%-13s %-28s %-6s %-13s %-26s  %s\n' "" "" "" "" "   video frames that decode" " container duration"
