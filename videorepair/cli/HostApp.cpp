@@ -4,6 +4,7 @@
 #include <Poco/Path.h>
 #include <Poco/String.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -241,7 +242,10 @@ int HostApp::Run() {
         if (!options_.json) PrintFileReport(stdout, file, run_);
         run_.files.push_back(file);
     }
-    run_.cancelled = session.CancelRequested();
+    // A Ctrl-C that lands after the last repair ended cancelled nothing.
+    run_.cancelled = std::any_of(run_.files.begin(), run_.files.end(), [](const FileResult& f) {
+        return f.status == "cancelled" || f.status == "skipped";
+    });
     return Finish();
 }
 
