@@ -6,22 +6,22 @@
 
 namespace {
 
-struct OptionSpec {
+struct ValueOption {
     const char* shortName;  // may be empty
     const char* longName;
     std::string CliOptions::*target;  // null for flags
 };
 
-const OptionSpec kValueOptions[] = {
+const ValueOption kValueOptions[] = {
     {"-s", "--sample", &CliOptions::sample},
     {"-o", "--output", &CliOptions::output},
     {"", "--log-dir", &CliOptions::logDirectory},
     {"", "--work-dir", &CliOptions::workDirectory},
 };
 
-const OptionSpec* FindValueOption(const std::string& name) {
-    for (const OptionSpec& spec : kValueOptions) {
-        if (name == spec.longName || (spec.shortName[0] != '\0' && name == spec.shortName)) return &spec;
+const ValueOption* FindValueOption(const std::string& name) {
+    for (const ValueOption& option : kValueOptions) {
+        if (name == option.longName || (option.shortName[0] != '\0' && name == option.shortName)) return &option;
     }
     return nullptr;
 }
@@ -64,14 +64,14 @@ private:
             value = arg.substr(equals + 1);
             hasValue = true;
         }
-        const OptionSpec* spec = FindValueOption(name);
-        if (spec == nullptr) return Fail("unknown option '" + arg + "'");
+        const ValueOption* option = FindValueOption(name);
+        if (option == nullptr) return Fail("unknown option '" + arg + "'");
         if (!hasValue) {
             if (index_ + 1 >= args_.size()) return Fail("option " + name + " needs a value");
             value = args_[++index_];
         }
         if (value.empty()) return Fail("option " + name + " needs a non-empty value");
-        std::string& slot = result_.options.*(spec->target);
+        std::string& slot = result_.options.*(option->target);
         if (!slot.empty()) return Fail("option " + name + " given twice");
         slot = value;
         return true;

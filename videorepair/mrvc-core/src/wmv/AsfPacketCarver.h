@@ -1,4 +1,4 @@
-// Carves the payloads of one ASF data packet (ASF specification 1.2, 5.2: payload
+// Carves the payloads of one ASF data packet (ASF 1.2, section 5.2: payload
 // parsing information, single and multiple payloads) out of a byte view.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Reads the few ASF header objects the WMV repair needs (ASF specification 1.2:
+// Reads the few ASF header objects the WMV repair needs (ASF 1.2:
 // Header, File Properties, Stream Properties and Data objects) from a byte buffer.
 // Every read is bounded by the bytes the caller hands in.
 #pragma once
