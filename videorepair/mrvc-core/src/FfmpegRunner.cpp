@@ -37,6 +37,10 @@ int RunStreamCopy(const std::wstring& ffmpegPath, const std::wstring& videoPath,
         VR_LOG(log, kLogError, "FfmpegRepair failed, ffmpeg missing:", platform::ToNarrow(ffmpegPath));
         return -1;
     }
+    if (app_paths::IsSpecialFile(videoPath)) {
+        VR_LOG(log, kLogError, "FfmpegRepair failed, not a regular file:", platform::ToNarrow(videoPath));
+        return -1;
+    }
     ReportProgress(observer, 5);
     std::wstring command = Quoted(ffmpegPath) + L" -y -i " + Quoted(videoPath) + L" -codec copy " +
                            Quoted(outputPath);
