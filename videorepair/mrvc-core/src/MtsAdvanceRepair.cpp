@@ -169,7 +169,12 @@ std::wstring MtsAdvanceRepair::GetRepairedVideo(std::wstring& result, const std:
         // Stop ends the current range only; later ranges are still written.
         CopyFileRange(damaged_, output, range.begin, range.end, [this]() { return !PauseThenShouldStop(); });
     }
-    output.Close();
+    if (!output.Close()) {
+        // A cut copy is no repair: the host hears of nothing rather than of half a file.
+        ENGINE_LOG(kLogError, "[MTS] Write output file failed:", platform::ToNarrow(outputPath));
+        result.clear();
+        return result;
+    }
     result = outputPath;
     return result;
 }
