@@ -9,7 +9,24 @@ namespace {
 
 const char* const kLogSource = "videorepair/mrvc-core/src/VideoRepairManager";
 
-std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
+// One argument in double quotes, by the rules the command line is split with: a
+// quote inside (possible in POSIX names) and backslashes in front of a quote are
+// escaped with backslashes.
+std::wstring Quoted(const std::wstring& text) {
+    std::wstring out = L"\"";
+    size_t backslashes = 0;
+    for (wchar_t c : text) {
+        if (c == L'\\') {
+            ++backslashes;
+        } else {
+            if (c == L'"') out.append(backslashes + 1, L'\\');
+            backslashes = 0;
+        }
+        out.push_back(c);
+    }
+    out.append(backslashes, L'\\');
+    return out + L"\"";
+}
 
 void ReportProgress(IVideoRepairObserver* observer, int value) {
     if (observer != nullptr) observer->OnProgress(0, value, 0, nullptr);
