@@ -5,10 +5,9 @@
 #include <algorithm>
 
 #include "AviAdvanceRepair.h"
-#include "container_repair_support.h"
+#include "support/RepairHarness.h"
 
-using namespace container_tests;
-using testing_support::TempDir;
+using namespace repair_harness;
 
 namespace {
 
@@ -279,10 +278,10 @@ Damage DamageFor(AviDamage kind, const std::string& bytes) {
     switch (kind) {
         case AviDamage::HeaderZeroed: d.zeroed = {{0, movi + 4}}; break;
         case AviDamage::Idx1Lost: d.keep = at(0.85); break;
-        case AviDamage::Garbage: d.garbage = garbage; break;
+        case AviDamage::Garbage: d.noise = garbage; break;
         case AviDamage::Combined:
             d.zeroed = {{0, 4096}};
-            d.garbage = garbage;
+            d.noise = garbage;
             d.keep = at(0.9);
             break;
     }
@@ -305,26 +304,24 @@ TEST_P(AviEndToEnd, RepairedFileDecodesWhatSurvived) {
     ASSERT_FALSE(sample.empty());
     const std::string original = ReadFile(clip);
     const Damage damage = DamageFor(std::get<1>(GetParam()), original);
-    const std::vector<Range> packets = VideoPacketSpans(clip);
-    const int survivors = SurvivingPackets(packets, damage, 8, 0);
+    // A packet's chunk: the 8-byte chunk header in front of the reported position.
+    const std::vector<FrameSpan> packets = OwnBytes(ProbeVideoPackets(clip), 8, 0);
+    const int survivors = CountSurvivors(packets, damage, Dependence::kNone);
     ASSERT_GT(survivors, int(packets.size()) / 2);
 
     TempDir dir("avie2e");
     const std::string damagedPath = dir.file("damaged.avi");
     const std::string damaged = ApplyDamage(original, damage);
     WriteFile(damagedPath, damaged);
-    ManagerRun run = RepairThroughManager(damagedPath, sample, dir.path());
+    ManagerRun run = RepairThroughManager(damagedPath, sample, dir.path(), dir.path());
     ASSERT_EQ(run.result, 0);
     EXPECT_TRUE(IsUuidName(run.repairedPath, dir.path(), "avi")) << run.repairedPath;
+    EXPECT_TRUE(run.inputUnchanged);
     EXPECT_EQ(ReadFile(damagedPath), damaged) << "the damaged file must stay as it was";
     const int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
     EXPECT_GE(decoded, survivors * 9 / 10) << "of " << survivors << " surviving frames";
 
-    bool logged = false;
-    for (const std::string& line : testing_support::ReadLines(dir.file("KzVideoRepair.log"))) {
-        logged = logged || line.find("Flv Header is damaged, will try repairing. -1") != std::string::npos;
-    }
-    EXPECT_TRUE(logged);
+    EXPECT_TRUE(HasLine(run.log, "Flv Header is damaged, will try repairing. -1"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Damages, AviEndToEnd,

@@ -9,10 +9,11 @@
 #include <mutex>
 #include <thread>
 
-#include "container_repair_support.h"
+#include "IVideoRepairManager.h"
+#include "VideoRepairExport.h"
+#include "support/RepairHarness.h"
 
-using namespace container_tests;
-using testing_support::TempDir;
+using namespace repair_harness;
 
 namespace {
 
@@ -157,6 +158,7 @@ TEST(CarvingControl, AviPausesResumesAndCancelsKeepingWhatWasFound) {
     const std::string damagedPath = dir.file("big.avi");
     const std::string big = BigAvi(ReadFile(clip));
     WriteFile(damagedPath, big);
+    const InputGuard input(damagedPath);
 
     GateObserver observer({50, 60});
     BackgroundRepair repair(observer, dir.path());
@@ -190,7 +192,7 @@ TEST(CarvingControl, AviPausesResumesAndCancelsKeepingWhatWasFound) {
     EXPECT_EQ(out.substr(idx1, 4), "idx1");
     EXPECT_EQ(Le32At(out, idx1 + 4), 16u);
     EXPECT_EQ(testing_support::CountDecodedVideoFrames(repair.RepairedPath()), 1);
-    EXPECT_EQ(testing_support::FileSize(damagedPath), int64_t(big.size()));
+    EXPECT_TRUE(input.Unchanged());
 }
 
 TEST(CarvingControl, FlvCancelWhilePausedKeepsTheRunSoFar) {
@@ -200,6 +202,7 @@ TEST(CarvingControl, FlvCancelWhilePausedKeepsTheRunSoFar) {
     const std::string damagedPath = dir.file("big.flv");
     const std::string big = BigFlv(ReadFile(clip));
     WriteFile(damagedPath, big);
+    const InputGuard input(damagedPath);
 
     GateObserver observer({20});
     BackgroundRepair repair(observer, dir.path());
@@ -215,6 +218,7 @@ TEST(CarvingControl, FlvCancelWhilePausedKeepsTheRunSoFar) {
     const size_t firstTag = 11 + ((uint32_t(uint8_t(big[14])) << 16) | (uint32_t(uint8_t(big[15])) << 8) |
                                   uint32_t(uint8_t(big[16]))) + 4;
     EXPECT_EQ(out, ReadFile(sample).substr(0, 13) + big.substr(13, firstTag));
+    EXPECT_TRUE(input.Unchanged());
 }
 
 TEST(CarvingControl, FlvResumedRepairCarriesTheWholeRun) {
@@ -224,6 +228,7 @@ TEST(CarvingControl, FlvResumedRepairCarriesTheWholeRun) {
     const std::string damagedPath = dir.file("big.flv");
     const std::string big = BigFlv(ReadFile(clip));
     WriteFile(damagedPath, big);
+    const InputGuard input(damagedPath);
 
     GateObserver observer({20});
     BackgroundRepair repair(observer, dir.path());
@@ -238,4 +243,5 @@ TEST(CarvingControl, FlvResumedRepairCarriesTheWholeRun) {
     const std::string out = ReadFile(repair.RepairedPath());
     ASSERT_EQ(out.size(), big.size());
     EXPECT_TRUE(out.compare(13, std::string::npos, big, 13, std::string::npos) == 0);
+    EXPECT_TRUE(input.Unchanged());
 }

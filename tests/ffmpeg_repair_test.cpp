@@ -10,6 +10,7 @@
 #include "RepairLog.h"
 #include "VideoRepairExport.h"
 #include "IVideoRepairManager.h"
+#include "support/RepairHarness.h"
 #include "support/TestSupport.h"
 
 using namespace testing_support;
@@ -55,7 +56,9 @@ TEST_F(FfmpegRepair, StreamCopiesIntoTheWorkFolderAndRecordsIt) {
     ASSERT_FALSE(source.empty());
     std::string input = dir_.file("clip.avi");
     fs::copy_file(source, input);
+    const repair_harness::InputGuard guard(input);
     ASSERT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), 0);
+    EXPECT_TRUE(guard.Unchanged());
     EXPECT_EQ(observer_.Events(), (std::vector<std::string>{"start", "p0:5", "p0:100", "finish"}));
     std::string first = Repaired(input);
     EXPECT_TRUE(std::regex_match(first, std::regex(".*/work/RepairedVideo/[0-9a-f-]{36}\\.avi"))) << first;
@@ -79,7 +82,9 @@ TEST_F(FfmpegRepair, NamesWithBlanksAndShellCharactersAreNeverInterpreted) {
     for (std::string name : {"with blanks/a clip.avi", "$(touch pwned).avi", "a;touch pwned;.avi", "`touch pwned`.avi"}) {
         std::string input = dir_.file(name);
         fs::copy_file(source, input);
+        const repair_harness::InputGuard guard(input);
         EXPECT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), 0) << name;
+        EXPECT_TRUE(guard.Unchanged()) << name;
         EXPECT_EQ(CountDecodedVideoFrames(Repaired(input)), 50) << name;
     }
     EXPECT_FALSE(fs::exists("pwned"));
@@ -88,12 +93,13 @@ TEST_F(FfmpegRepair, NamesWithBlanksAndShellCharactersAreNeverInterpreted) {
 TEST_F(FfmpegRepair, AFailingCopyReportsNinetyNineAndLeavesNoRecord) {
     std::string input = dir_.file("garbage.avi");
     WriteFile(input, std::string(4096, '\x17'));
+    const repair_harness::InputGuard guard(input);
     EXPECT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), -1);
     EXPECT_EQ(observer_.Events(), (std::vector<std::string>{"start", "p0:5", "p0:99", "finish"}));
     EXPECT_EQ(Repaired(input), "");
     EXPECT_TRUE(std::regex_search(ReadFile(dir_.file("KzVideoRepair.log")),
                                   std::regex(R"(\[ERROR\] .*FfmpegRepair failed, ret: [1-9]\d*\n)")));
-    EXPECT_EQ(ReadFile(input), std::string(4096, '\x17'));
+    EXPECT_TRUE(guard.Unchanged());
 }
 
 TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {

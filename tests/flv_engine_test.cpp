@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "FlvAdvanceRepair.h"
-#include "container_repair_support.h"
+#include "support/RepairHarness.h"
 
-using namespace container_tests;
-using testing_support::TempDir;
+using namespace repair_harness;
 
 namespace {
 
@@ -185,10 +184,10 @@ Damage DamageFor(FlvDamage kind, int64_t size) {
         // The head and the metadata tag; the codec configuration behind them survives.
         case FlvDamage::HeadZeroed: d.zeroed = {{0, 200}}; break;
         case FlvDamage::TailCut: d.keep = at(0.85); break;
-        case FlvDamage::Garbage: d.garbage = garbage; break;
+        case FlvDamage::Garbage: d.noise = garbage; break;
         case FlvDamage::Combined:
             d.zeroed = {{0, 200}};
-            d.garbage = garbage;
+            d.noise = garbage;
             d.keep = at(0.9);
             break;
     }
@@ -211,30 +210,27 @@ TEST_P(FlvEndToEnd, RepairedFileDecodesWhatSurvived) {
     ASSERT_FALSE(sample.empty());
     const std::string original = ReadFile(clip);
     const Damage damage = DamageFor(std::get<1>(GetParam()), int64_t(original.size()));
-    const std::vector<Range> packets = VideoPacketSpans(clip);
     // A packet's tag: 11-byte header in front of the reported position's payload,
     // up to 5 bytes of video header and the 4-byte size word behind.
-    const int survivors = SurvivingPackets(packets, damage, 0, 11 + 5 + 4);
+    const std::vector<FrameSpan> packets = OwnBytes(ProbeVideoPackets(clip), 0, 11 + 5 + 4);
+    const int survivors = CountSurvivors(packets, damage, Dependence::kNone);
     ASSERT_GT(survivors, int(packets.size()) / 2);
 
     TempDir dir("flve2e");
     const std::string damagedPath = dir.file("damaged.flv");
     const std::string damaged = ApplyDamage(original, damage);
     WriteFile(damagedPath, damaged);
-    ManagerRun run = RepairThroughManager(damagedPath, sample, dir.path());
+    ManagerRun run = RepairThroughManager(damagedPath, sample, dir.path(), dir.path());
     ASSERT_EQ(run.result, 0);
     EXPECT_TRUE(IsUuidName(run.repairedPath, dir.path(), "flv")) << run.repairedPath;
+    EXPECT_TRUE(run.inputUnchanged);
     EXPECT_EQ(ReadFile(damagedPath), damaged) << "the damaged file must stay as it was";
     const std::string repaired = ReadFile(run.repairedPath);
     EXPECT_EQ(repaired.substr(0, 13), ReadFile(sample).substr(0, 13));
     const int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
     EXPECT_GE(decoded, survivors * 9 / 10) << "of " << survivors << " surviving frames";
 
-    bool logged = false;
-    for (const std::string& line : testing_support::ReadLines(dir.file("KzVideoRepair.log"))) {
-        logged = logged || line.find("Flv Header is damaged, will try repairing. -1") != std::string::npos;
-    }
-    EXPECT_TRUE(logged);
+    EXPECT_TRUE(HasLine(run.log, "Flv Header is damaged, will try repairing. -1"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Damages, FlvEndToEnd,

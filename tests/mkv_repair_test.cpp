@@ -12,42 +12,15 @@
 
 #include "IVideoRepairManager.h"
 #include "VideoRepairExport.h"
-#include "support/TestSupport.h"
+#include "support/RepairHarness.h"
 
 namespace ts = testing_support;
+using namespace repair_harness;
 
 namespace {
 
-struct Packet {
-    int64_t pos = 0;
-    int64_t size = 0;
-    bool key = false;
-};
-
-// Video packets of the first video stream, in file order.
-std::vector<Packet> VideoPackets(const std::string& path) {
-    std::string out;
-    ts::RunProgram({VR_TEST_FFPROBE, "-v", "error", "-select_streams", "v:0", "-show_entries",
-                    "packet=pos,size,flags", "-of", "csv=p=0", path},
-                   &out);
-    std::vector<Packet> packets;
-    std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
-        Packet p;
-        std::string size, pos, flags;
-        std::istringstream fields(line);
-        std::getline(fields, size, ',');
-        std::getline(fields, pos, ',');
-        std::getline(fields, flags, ',');
-        if (pos.empty() || pos == "N/A") continue;
-        p.size = std::stoll(size);
-        p.pos = std::stoll(pos);
-        p.key = flags.find('K') != std::string::npos;
-        packets.push_back(p);
-    }
-    std::sort(packets.begin(), packets.end(), [](const Packet& a, const Packet& b) { return a.pos < b.pos; });
-    return packets;
-}
+// The first video stream's packets with a position, in file order.
+std::vector<ProbedPacket> VideoPackets(const std::string& path) { return PositionedPackets(ProbeVideoPackets(path)); }
 
 int64_t FirstCluster(const std::string& bytes) { return int64_t(bytes.find("\x1F\x43\xB6\x75", 0, 4)); }
 
@@ -60,60 +33,27 @@ std::vector<int64_t> ClusterOffsets(const std::string& bytes) {
     return offsets;
 }
 
-// Damage in the original file's coordinates: zeroed head, one overwritten
-// span, one removed span (the second half of a cluster), and a cut tail.
-struct Damage {
-    int64_t headEnd = 0;
-    int64_t overwriteStart = 0, overwriteEnd = 0;
-    int64_t removeStart = 0, removeEnd = 0;
-    int64_t tail = 0;
-
-    bool Survives(const Packet& p) const {
-        int64_t end = p.pos + p.size;
-        auto disjoint = [&](int64_t a, int64_t b) { return end <= a || p.pos >= b; };
-        return p.pos >= headEnd && disjoint(overwriteStart, overwriteEnd) && disjoint(removeStart, removeEnd) &&
-               end <= tail;
-    }
-};
-
+// Damage as broken recordings show it: the head zeroed up to the first
+// cluster, 6 KB overwritten inside the cluster at 35 %, the second half of the
+// cluster at 60 % removed, and the tail (Cues included) lost from 90 % on.
 Damage PlanDamage(const std::string& bytes) {
     std::vector<int64_t> clusters = ClusterOffsets(bytes);
     Damage d;
     int64_t size = int64_t(bytes.size());
-    d.headEnd = FirstCluster(bytes);
-    // Overwrite 6 KB inside the cluster that holds the 35% point.
-    d.overwriteStart = size * 35 / 100;
-    d.overwriteEnd = d.overwriteStart + 6000;
-    // Remove the second half of the cluster that holds the 60% point.
+    d.zeroed = {{0, FirstCluster(bytes)}};
+    d.noise = {{size * 35 / 100, size * 35 / 100 + 6000}};
     int64_t mid = size * 60 / 100;
     auto next = std::upper_bound(clusters.begin(), clusters.end(), mid);
     int64_t start = *(next - 1);
     int64_t end = next != clusters.end() ? *next : size;
-    d.removeStart = start + (end - start) / 2;
-    d.removeEnd = end;
-    // The tail, Cues included, is lost from 90% on.
-    d.tail = size * 90 / 100;
+    d.removed = {start + (end - start) / 2, end};
+    d.keep = size * 90 / 100;
     return d;
 }
 
-std::string ApplyDamage(const std::string& bytes, const Damage& d) {
-    std::string damaged = bytes;
-    std::fill(damaged.begin(), damaged.begin() + d.headEnd, '\0');
-    for (int64_t i = d.overwriteStart; i < d.overwriteEnd; ++i) damaged[size_t(i)] = char(0xA5 ^ (i * 7));
-    return damaged.substr(0, size_t(d.removeStart)) +
-           damaged.substr(size_t(d.removeEnd), size_t(d.tail - d.removeEnd));
-}
-
 // Frames that can come back: their bytes survived, and so did the key frame they depend on.
-int DecodableSurvivors(const std::vector<Packet>& packets, const Damage& d) {
-    int count = 0;
-    bool keyAlive = false;
-    for (const Packet& p : packets) {
-        bool alive = d.Survives(p);
-        if (p.key) keyAlive = alive;
-        if (alive && keyAlive) ++count;
-    }
-    return count;
+int DecodableSurvivors(const std::vector<ProbedPacket>& packets, const Damage& d) {
+    return CountSurvivors(OwnBytes(packets, 0, 0), d, Dependence::kKeyFrame);
 }
 
 bool HaveMkvmerge() { return ts::RunProgram({"mkvmerge", "--version"}) == 0; }
@@ -158,6 +98,7 @@ protected:
         std::string damagedPath = dir_.file("damaged.mkv");
         std::string damagedBytes = ApplyDamage(bytes, damage);
         ts::WriteFile(damagedPath, damagedBytes);
+        const InputGuard input(damagedPath);
         int expected = DecodableSurvivors(VideoPackets(good), damage);
         ASSERT_GT(expected, 10);
 
@@ -165,6 +106,7 @@ protected:
         wchar_t out[4096] = {};
         ASSERT_EQ(manager_->GetRepairedFilePath(out, ts::Wide(damagedPath).c_str()), 0);
         std::string repaired = ts::Narrow(out);
+        EXPECT_TRUE(input.Unchanged());
         EXPECT_EQ(ts::ReadFile(damagedPath), damagedBytes) << "the damaged input must stay untouched";
 
         int decoded = ts::CountDecodedVideoFrames(repaired);
@@ -271,7 +213,9 @@ TEST_F(MkvRepairTest, OwnHeadWithoutSample) {
     std::string bytes = ts::ReadFile(good);
     std::string damagedPath = dir_.file("tail_cut.mkv");
     ts::WriteFile(damagedPath, bytes.substr(0, bytes.size() * 3 / 4));
+    const InputGuard input(damagedPath);
     ASSERT_EQ(manager_->Repair(ts::Wide(damagedPath).c_str(), L""), 0);
+    EXPECT_TRUE(input.Unchanged());
     std::string repaired = Repaired(damagedPath);
     int decoded = ts::CountDecodedVideoFrames(repaired);
     EXPECT_GE(decoded, int(VideoPackets(good).size()) * 3 / 4 * 9 / 10);
@@ -284,11 +228,12 @@ TEST_F(MkvRepairTest, NoUsableHeadFails) {
     std::string noise(300000, '\0');
     for (size_t i = 0; i < noise.size(); ++i) noise[i] = char((i * 2654435761u) >> 13);
     ts::WriteFile(damagedPath, noise);
+    const InputGuard input(damagedPath);
     EXPECT_EQ(manager_->Repair(ts::Wide(damagedPath).c_str(), L""), -1);
     EXPECT_EQ(manager_->Repair(ts::Wide(damagedPath).c_str(), ts::Wide(dir_.file("missing.mkv")).c_str()), -1);
     ts::WriteFile(dir_.file("bad_sample.mkv"), noise.substr(0, 5000));
     EXPECT_EQ(manager_->Repair(ts::Wide(damagedPath).c_str(), ts::Wide(dir_.file("bad_sample.mkv")).c_str()), -1);
-    EXPECT_EQ(ts::ReadFile(damagedPath), noise);
+    EXPECT_TRUE(input.Unchanged());
     std::string log = ts::ReadFile(dir_.file("KzVideoRepair.log"));
     EXPECT_NE(log.find("[MKV] No sample given and the damaged file's head is unusable."), std::string::npos);
     EXPECT_NE(log.find("[MKV] Sample's head is unusable too:"), std::string::npos);

@@ -14,9 +14,10 @@
 #include "RepairLog.h"
 #include "IVideoRepairManager.h"
 #include "VideoRepairExport.h"
-#include "support/TestSupport.h"
+#include "support/RepairHarness.h"
 
 using namespace testing_support;
+using namespace repair_harness;
 
 namespace {
 
@@ -59,67 +60,11 @@ MpegMedia Mpeg2VideoOnly() {
             GeneratedMedia("mpeg_v_sample.mpg", Join(Inputs("testsrc2", 2, false, 0), kMpeg2Only)), false};
 }
 
-struct FrameSpan {
-    int64_t begin = 0, end = 0;
-    bool key = false;
-};
-
-// Where each video frame of a healthy file lies: from its first packet to the
-// next frame's. A frame that begins inside the packet of the frame before has no
-// position of its own and shares that packet.
-std::vector<FrameSpan> VideoFrameSpans(const std::string& path) {
-    std::string out;
-    RunProgram({VR_TEST_FFPROBE, "-v", "error", "-select_streams", "v:0", "-show_entries", "packet=pos,flags",
-                "-of", "csv=p=0", path},
-               &out);
-    std::vector<FrameSpan> frames;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        size_t comma = line.find(',');
-        if (comma == std::string::npos) continue;
-        FrameSpan f;
-        std::string pos = line.substr(0, comma);
-        f.begin = pos == "N/A" ? (frames.empty() ? 0 : frames.back().begin) : std::stoll(pos);
-        f.key = line.find('K', comma) != std::string::npos;
-        frames.push_back(f);
-    }
-    const int64_t size = FileSize(path);
-    for (size_t i = 0; i < frames.size(); ++i) {
-        frames[i].end = size;
-        for (size_t j = i + 1; j < frames.size(); ++j) {
-            if (frames[j].begin > frames[i].begin) {
-                frames[i].end = frames[j].begin;
-                break;
-            }
-        }
-    }
-    return frames;
-}
-
-struct Range {
-    int64_t begin, end;
-};
-
 // Frames that escaped the damage and whose references did too: a lost frame
 // takes the rest of its group of pictures with it.
-int DecodableSurvivors(const std::vector<FrameSpan>& frames, int64_t keptSize, const std::vector<Range>& damage) {
-    int survived = 0;
-    bool chain = false;
-    for (const FrameSpan& f : frames) {
-        bool hit = f.end > keptSize;
-        for (const Range& r : damage) hit = hit || (f.begin < r.end && r.begin < f.end);
-        chain = (f.key || chain) && !hit;
-        survived += chain ? 1 : 0;
-    }
-    return survived;
-}
-
-bool HasAudioStream(const std::string& path) {
-    std::string out;
-    RunProgram({VR_TEST_FFPROBE, "-v", "error", "-select_streams", "a", "-show_entries", "stream=codec_name",
-                "-of", "csv=p=0", path},
-               &out);
-    return !out.empty();
+int DecodableSurvivors(const std::string& healthy, const Damage& damage) {
+    return CountSurvivors(ToNextPosition(ProbeVideoPackets(healthy), FileSize(healthy)), damage,
+                          Dependence::kUnbrokenChain);
 }
 
 int CountDecodedAudioFrames(const std::string& path) {
@@ -134,69 +79,40 @@ int CountDecodedAudioFrames(const std::string& path) {
     }
 }
 
-class ManagerSession {
-public:
-    explicit ManagerSession(const TempDir& dir) {
-        InitKzVideoRepairLib(&manager_);
-        manager_->Initialize(&observer_, dir.wpath().c_str(), dir.wfile("work").c_str());
-    }
-    ~ManagerSession() { manager_->Release(); }
-    IVideoRepairManager* operator->() { return manager_; }
-    RecordingObserver& observer() { return observer_; }
-
-private:
-    IVideoRepairManager* manager_ = nullptr;
-    RecordingObserver observer_;
-};
-
-struct Damage {
+struct NamedDamage {
     const char* name;
-    std::vector<Range> overwritten;  // zeroed or filled with noise
-    double keepFraction;             // the tail beyond is cut
+    Damage damage;
 };
 
-std::string Damaged(const std::string& healthy, const Damage& damage) {
-    std::string bytes = ReadFile(healthy);
-    uint32_t noise = 12345;
-    for (const Range& r : damage.overwritten) {
-        for (int64_t i = r.begin; i < r.end && i < int64_t(bytes.size()); ++i) {
-            noise = noise * 1103515245u + 12345u;
-            bytes[size_t(i)] = r.begin == 0 ? '\0' : char(noise >> 24);
-        }
-    }
-    bytes.resize(size_t(double(bytes.size()) * damage.keepFraction));
-    return bytes;
-}
-
-void ExpectRepairs(const MpegMedia& media, const std::string& damagedName, const Damage& damage) {
+void ExpectRepairs(const MpegMedia& media, const std::string& damagedName, const NamedDamage& named) {
     ASSERT_FALSE(media.damagedSource.empty());
     ASSERT_FALSE(media.sample.empty());
     TempDir dir("mpeg");
     const std::string damaged = dir.file(damagedName);
     const std::string sample = dir.file("sample.mpg");
-    WriteFile(damaged, Damaged(media.damagedSource, damage));
+    WriteFile(damaged, ApplyDamage(ReadFile(media.damagedSource), named.damage));
     WriteFile(sample, ReadFile(media.sample));
     const std::string before = ReadFile(damaged);
 
-    ManagerSession manager(dir);
-    ASSERT_EQ(manager->Repair(Wide(damaged).c_str(), Wide(sample).c_str()), 0);
-    wchar_t out[4096] = {};
-    ASSERT_EQ(manager->GetRepairedFilePath(out, Wide(damaged).c_str()), 0);
-    const std::string repaired = Narrow(out);
+    ManagerRun run = RepairThroughManager(damaged, sample, dir);
+    ASSERT_EQ(run.result, 0);
+    ASSERT_FALSE(run.repairedPath.empty());
+    const std::string& repaired = run.repairedPath;
     EXPECT_EQ(repaired.substr(repaired.size() - 5), ".mpeg");
-    std::vector<std::string> events = manager.observer().Events();
+    const std::vector<std::string>& events = run.events;
     ASSERT_GE(events.size(), 3u);
     EXPECT_EQ(events.front(), "start");
     EXPECT_EQ(events[events.size() - 2], "p0:100");
     EXPECT_EQ(events.back(), "finish");
 
-    const std::vector<FrameSpan> frames = VideoFrameSpans(media.damagedSource);
-    const int survived = DecodableSurvivors(frames, int64_t(before.size()), damage.overwritten);
+    const int survived = DecodableSurvivors(media.damagedSource, named.damage);
+    const int frames = int(ProbeVideoPackets(media.damagedSource).size());
     const int decoded = CountDecodedVideoFrames(repaired);
-    EXPECT_GE(decoded * 10, survived * 9) << damage.name << ": decoded " << decoded << " of " << survived;
-    EXPECT_LE(decoded, int(frames.size()));
-    if (media.hasAudio) EXPECT_GT(CountDecodedAudioFrames(repaired), 0) << damage.name;
-    else EXPECT_FALSE(HasAudioStream(repaired));
+    EXPECT_GE(decoded * 10, survived * 9) << named.name << ": decoded " << decoded << " of " << survived;
+    EXPECT_LE(decoded, frames);
+    if (media.hasAudio) EXPECT_GT(CountDecodedAudioFrames(repaired), 0) << named.name;
+    else EXPECT_EQ(CountStreams(repaired, "a"), 0);
+    EXPECT_TRUE(run.inputUnchanged);
     EXPECT_EQ(ReadFile(damaged), before);
     // The dumps and the sample's extractions are gone.
     EXPECT_TRUE(std::filesystem::is_empty(dir.file("work")));
@@ -204,19 +120,28 @@ void ExpectRepairs(const MpegMedia& media, const std::string& damagedName, const
     EXPECT_FALSE(FileExists(dir.file("sample_Audio.wav")));
 }
 
-std::vector<Damage> RealLifeDamage(int64_t size) {
-    return {{"header zeroed", {{0, 4096}}, 1.0},
-            {"ranges overwritten", {{size * 3 / 10, size * 3 / 10 + 40000}, {size * 6 / 10, size * 6 / 10 + 20000}}, 1.0},
-            {"tail cut", {}, 0.7}};
+// The head zeroed; other ranges overwritten with noise; the tail cut.
+NamedDamage Named(const char* name, int64_t size, std::vector<Range> overwritten, double keepFraction) {
+    NamedDamage named{name, {}};
+    for (const Range& r : overwritten) (r.begin == 0 ? named.damage.zeroed : named.damage.noise).push_back(r);
+    named.damage.keep = int64_t(double(size) * keepFraction);
+    return named;
 }
 
-Damage AllThree(int64_t size) { return {"all three", {{0, 4096}, {size / 2, size / 2 + 30000}}, 0.8}; }
+std::vector<NamedDamage> RealLifeDamage(int64_t size) {
+    return {Named("header zeroed", size, {{0, 4096}}, 1.0),
+            Named("ranges overwritten", size,
+                  {{size * 3 / 10, size * 3 / 10 + 40000}, {size * 6 / 10, size * 6 / 10 + 20000}}, 1.0),
+            Named("tail cut", size, {}, 0.7)};
+}
+
+NamedDamage AllThree(int64_t size) { return Named("all three", size, {{0, 4096}, {size / 2, size / 2 + 30000}}, 0.8); }
 
 }  // namespace
 
 TEST(MpegRepairEndToEnd, Mpeg2VideoWithMp2Audio) {
     MpegMedia media = Mpeg2WithMp2();
-    for (const Damage& d : RealLifeDamage(FileSize(media.damagedSource))) ExpectRepairs(media, "clip.mpg", d);
+    for (const NamedDamage& d : RealLifeDamage(FileSize(media.damagedSource))) ExpectRepairs(media, "clip.mpg", d);
 }
 
 TEST(MpegRepairEndToEnd, Mpeg1VideoWithMp2Audio) {

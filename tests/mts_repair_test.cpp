@@ -6,12 +6,11 @@
 
 #include "MtsAdvanceRepair.h"
 #include "RepairLog.h"
-#include "StreamRepairTestHelpers.h"
+#include "support/RepairHarness.h"
 
-using namespace stream_repair_test;
+using namespace repair_harness;
 using testing_support::FileSize;
 using testing_support::GeneratedMedia;
-using testing_support::TempDir;
 using testing_support::Wide;
 
 namespace {
@@ -199,6 +198,7 @@ TEST(MtsFailures, PathsSampleAndDamagedFile) {
     ManagerRun managed = RepairThroughManager(damaged, notMedia, dir);
     EXPECT_EQ(managed.result, -2);
     EXPECT_TRUE(managed.repairedPath.empty());
+    EXPECT_TRUE(managed.inputUnchanged);
 }
 
 struct MtsCase {
@@ -225,7 +225,8 @@ TEST_P(MtsEndToEnd, RecoversWhatSurvivedTheDamage) {
     }
     std::string sample = dir.file(std::string("sample.") + c.extension);
     WriteFile(sample, bytes);
-    Damage damage = ApplyTypicalDamage(bytes, 4096, 0.4, int64_t(bytes.size() / 12), 0.8);
+    const Damage damage = TypicalDamage(int64_t(bytes.size()), 4096, 0.4, int64_t(bytes.size() / 12), 0.8);
+    bytes = ApplyDamage(bytes, damage);
     std::string damaged = dir.file(std::string("damaged.") + c.extension);
     WriteFile(damaged, bytes);
 
@@ -233,11 +234,13 @@ TEST_P(MtsEndToEnd, RecoversWhatSurvivedTheDamage) {
     ASSERT_EQ(run.result, 0);
     ASSERT_FALSE(run.repairedPath.empty());
     EXPECT_EQ(run.repairedPath.substr(run.repairedPath.size() - strlen(c.extension)), c.extension);
+    EXPECT_TRUE(run.inputUnchanged);
     EXPECT_EQ(ReadFile(damaged), bytes) << "the damaged input must stay as it was";
     EXPECT_TRUE(HasLine(run.log, "Flv Header is damaged, will try repairing."));
     EXPECT_EQ(run.events.back(), "finish");
 
-    int surviving = SurvivingFrames(healthy, damage);
+    const std::vector<FrameSpan> frames = ToNextPacket(PositionedPackets(ProbeVideoPackets(healthy)), FileSize(healthy), 0);
+    int surviving = CountSurvivors(frames, damage, Dependence::kUnbrokenChain);
     int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
     EXPECT_GE(surviving, 25);
     EXPECT_GE(decoded * 10, surviving * 9) << decoded << " of " << surviving << " in " << run.repairedPath;

@@ -8,11 +8,10 @@
 #include "AppPaths.h"
 #include "MxfAdvanceRepair.h"
 #include "RepairLog.h"
-#include "StreamRepairTestHelpers.h"
+#include "support/RepairHarness.h"
 
-using namespace stream_repair_test;
+using namespace repair_harness;
 using testing_support::GeneratedMedia;
-using testing_support::TempDir;
 using testing_support::Wide;
 
 namespace {
@@ -205,7 +204,8 @@ TEST_P(MxfEndToEnd, RecoversWhatSurvivedTheDamage) {
     const std::string healthy = c.d10 ? D10Clip() : Op1aClip();
     ASSERT_FALSE(healthy.empty());
     std::string bytes = ReadFile(healthy);
-    Damage damage = ApplyTypicalDamage(bytes, 16384, 0.4, int64_t(bytes.size() / 12), 0.8);
+    const Damage damage = TypicalDamage(int64_t(bytes.size()), 16384, 0.4, int64_t(bytes.size() / 12), 0.8);
+    bytes = ApplyDamage(bytes, damage);
     std::string damaged = dir.file(std::string("damaged.") + c.extension);
     WriteFile(damaged, bytes);
 
@@ -213,10 +213,13 @@ TEST_P(MxfEndToEnd, RecoversWhatSurvivedTheDamage) {
     ASSERT_EQ(run.result, 0);
     ASSERT_FALSE(run.repairedPath.empty());
     EXPECT_EQ(run.repairedPath.substr(run.repairedPath.size() - 4), ".mxf");
+    EXPECT_TRUE(run.inputUnchanged);
     EXPECT_EQ(ReadFile(damaged), bytes) << "the damaged input must stay as it was";
     EXPECT_EQ(FilesIn(dir.file("work")), 0u) << "the dumps are removed after the merge";
 
-    int surviving = SurvivingFrames(healthy, damage);
+    const std::vector<FrameSpan> frames =
+        ToNextPacket(PositionedPackets(ProbeVideoPackets(healthy)), testing_support::FileSize(healthy), 0);
+    int surviving = CountSurvivors(frames, damage, Dependence::kUnbrokenChain);
     int decoded = testing_support::CountDecodedVideoFrames(run.repairedPath);
     EXPECT_GE(surviving, 20);
     EXPECT_GE(decoded * 10, surviving * 9) << decoded << " of " << surviving << " in " << run.repairedPath;
@@ -239,6 +242,7 @@ TEST(MxfEndToEndSample, SampleWithoutUsableReportFallsBackToThirtyFps) {
     WriteFile(damaged, ReadFile(Op1aClip()));
     ManagerRun run = RepairThroughManager(damaged, sample, dir);
     EXPECT_EQ(run.result, 0);
+    EXPECT_TRUE(run.inputUnchanged);
     EXPECT_TRUE(HasLine(run.log, "[mxf] Video samples counts is:  75"));
     EXPECT_FALSE(HasLine(run.log, "[AnalyzeSampleVideo]"));
     ASSERT_FALSE(run.repairedPath.empty());

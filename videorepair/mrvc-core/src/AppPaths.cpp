@@ -73,4 +73,14 @@ bool RegularFileExists(const std::wstring& path) {
     }
 }
 
+bool IsSpecialFile(const std::wstring& path) {
+    if (path.empty()) return false;
+    try {
+        Poco::File file = FileOf(path);
+        return file.exists() && !file.isFile();
+    } catch (...) {
+        return false;
+    }
+}
+
 }  // namespace app_paths

@@ -23,5 +23,9 @@ void SetWorkDirectory(const std::wstring& directory);
 bool CreateDirectories(const std::wstring& directory);
 bool DirectoryExists(const std::wstring& directory);
 bool RegularFileExists(const std::wstring& path);
+// True when the path names something that is there but is no regular file (a
+// directory, a FIFO, a device): ffmpeg and libavformat would fail on it or, for
+// a FIFO, wait for a writer forever.
+bool IsSpecialFile(const std::wstring& path);
 
 }  // namespace app_paths

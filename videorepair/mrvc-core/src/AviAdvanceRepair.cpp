@@ -113,6 +113,15 @@ int ResyncSteps(const uint8_t* block, bool& found) {
     return kResyncSteps;
 }
 
+// AVI 1.0 sizes and idx1 offsets are 32-bit. A chunk is indexed and copied only
+// while the whole output (header, movi list with this chunk, idx1 with its entry)
+// still fits them; past that the RIFF size and the offsets would wrap.
+bool FitsAvi10(uint64_t moviSize, uint64_t paddedChunk, size_t entries) {
+    const uint64_t indexBytes = 16 * uint64_t(entries) + 8;
+    const uint64_t frame = kCopyPieceBytes + 12;  // the largest copied header and "RIFF" size "AVI "
+    return moviSize + paddedChunk + 8 + indexBytes + frame <= 0xFFFFFFFFull;
+}
+
 }  // namespace
 
 AviAdvanceRepair::AviAdvanceRepair()
@@ -354,6 +363,12 @@ uint32_t AviAdvanceRepair::WalkChunks(bool stopAtIdx1) {
         }
         relative += int64_t(padded + 8);
         if (relative > damagedSize_) break;
+        if (!FitsAvi10(moviSize_, padded, entries_.size())) {
+            if (IsDataChunkId(id)) entries_.pop_back();
+            ENGINE_LOG(kLogWarning, "[AVI] The movi list reaches the 4 GiB limit of AVI 1.0, indexing stops at:",
+                       int64_t(moviOffset_ + relative - int64_t(padded + 8) + 4));
+            break;
+        }
         moviSize_ += uint32_t(padded + 8);
         if (PauseThenShouldStop() || moviOffset_ + relative >= damagedSize_) break;
     }

@@ -9,7 +9,24 @@ namespace {
 
 const char* const kLogSource = "videorepair/mrvc-core/src/VideoRepairManager";
 
-std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
+// One argument in double quotes, by the rules the command line is split with: a
+// quote inside (possible in POSIX names) and backslashes in front of a quote are
+// escaped with backslashes.
+std::wstring Quoted(const std::wstring& text) {
+    std::wstring out = L"\"";
+    size_t backslashes = 0;
+    for (wchar_t c : text) {
+        if (c == L'\\') {
+            ++backslashes;
+        } else {
+            if (c == L'"') out.append(backslashes + 1, L'\\');
+            backslashes = 0;
+        }
+        out.push_back(c);
+    }
+    out.append(backslashes, L'\\');
+    return out + L"\"";
+}
 
 void ReportProgress(IVideoRepairObserver* observer, int value) {
     if (observer != nullptr) observer->OnProgress(0, value, 0, nullptr);
@@ -35,6 +52,10 @@ int RunStreamCopy(const std::wstring& ffmpegPath, const std::wstring& videoPath,
                   const std::wstring& outputPath, RepairLog* log, IVideoRepairObserver* observer) {
     if (!app_paths::RegularFileExists(ffmpegPath)) {
         VR_LOG(log, kLogError, "FfmpegRepair failed, ffmpeg missing:", platform::ToNarrow(ffmpegPath));
+        return -1;
+    }
+    if (app_paths::IsSpecialFile(videoPath)) {
+        VR_LOG(log, kLogError, "FfmpegRepair failed, not a regular file:", platform::ToNarrow(videoPath));
         return -1;
     }
     ReportProgress(observer, 5);

@@ -7,6 +7,7 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 
+#include "AppPaths.h"
 #include "OutputNaming.h"
 #include "TextUtil.h"
 #include "io/FileWriter.h"
@@ -71,7 +72,7 @@ MtsAdvanceRepair::PacketLayout MtsAdvanceRepair::LayoutFromHead(const uint8_t* d
 }
 
 bool MtsAdvanceRepair::ProbeSampleLayout() {
-    if (samplePath_.empty()) return false;
+    if (samplePath_.empty() || app_paths::IsSpecialFile(samplePath_)) return false;  // a FIFO would block the open
     if (!LibavformatAccepts(samplePath_)) return false;
     FileReader sample(64 * 1024);
     if (!sample.Open(samplePath_)) return false;
@@ -168,7 +169,12 @@ std::wstring MtsAdvanceRepair::GetRepairedVideo(std::wstring& result, const std:
         // Stop ends the current range only; later ranges are still written.
         CopyFileRange(damaged_, output, range.begin, range.end, [this]() { return !PauseThenShouldStop(); });
     }
-    output.Close();
+    if (!output.Close()) {
+        // A cut copy is no repair: the host hears of nothing rather than of half a file.
+        ENGINE_LOG(kLogError, "[MTS] Write output file failed:", platform::ToNarrow(outputPath));
+        result.clear();
+        return result;
+    }
     result = outputPath;
     return result;
 }

@@ -163,6 +163,7 @@ MxfAdvanceRepair::SampleInfo MxfAdvanceRepair::ParseSampleReport(const std::stri
 
 int MxfAdvanceRepair::AnalyzeSampleVideo() {
     sample_ = SampleInfo();
+    if (app_paths::IsSpecialFile(samplePath_)) return -1;  // a FIFO would hold ffmpeg until its time limit
     // ffmpeg asked only to describe a file ends with "no output file" (exit code
     // 1): the report is all that is needed, so any run that finished counts.
     EngineProcessResult run = RunFfmpeg({"-i", platform::ToNarrow(samplePath_)});

@@ -64,8 +64,19 @@ bool NewUuid(Uuid& out) {
     }
 }
 
+// Opened without blocking so that a FIFO named as a video cannot hang the open,
+// then refused unless it is a regular file or a block device: a directory, a
+// pipe or a character device has no size to scan and no bytes to seek to.
 int OpenForRead(const std::wstring& path) {
-    return ::open(ToNarrow(path).c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = ::open(ToNarrow(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode))) {
+        ::close(fd);
+        return -1;
+    }
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    return fd;
 }
 
 int OpenForWrite(const std::wstring& path) {

@@ -1,0 +1,273 @@
+#include "support/RepairHarness.h"
+
+#include <Poco/DigestEngine.h>
+#include <Poco/DigestStream.h>
+#include <Poco/SHA1Engine.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "IVideoRepairManager.h"
+#include "VideoRepairExport.h"
+
+namespace repair_harness {
+
+void PutLe32(std::string& s, uint32_t v) {
+    for (int i = 0; i < 4; ++i) s.push_back(char(uint8_t(v >> (8 * i))));
+}
+void PutBe32(std::string& s, uint32_t v) {
+    for (int i = 3; i >= 0; --i) s.push_back(char(uint8_t(v >> (8 * i))));
+}
+void PutBe24(std::string& s, uint32_t v) {
+    for (int i = 2; i >= 0; --i) s.push_back(char(uint8_t(v >> (8 * i))));
+}
+uint32_t Le32At(const std::string& s, size_t at) {
+    return uint32_t(uint8_t(s[at])) | uint32_t(uint8_t(s[at + 1])) << 8 | uint32_t(uint8_t(s[at + 2])) << 16 |
+           uint32_t(uint8_t(s[at + 3])) << 24;
+}
+
+std::string Noise(size_t n, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::string s(n, '\0');
+    for (auto& c : s) c = char(rng() & 0xff);
+    return s;
+}
+
+// ---- damage ----
+
+bool Damage::Hits(int64_t begin, int64_t end) const {
+    if (keep >= 0 && end > keep) return true;
+    auto overlaps = [&](const Range& r) { return r.begin < r.end && begin < r.end && r.begin < end; };
+    if (overlaps(removed)) return true;
+    for (const auto* list : {&zeroed, &noise}) {
+        for (const Range& r : *list) {
+            if (overlaps(r)) return true;
+        }
+    }
+    return false;
+}
+
+std::string ApplyDamage(std::string bytes, const Damage& damage) {
+    const int64_t size = int64_t(bytes.size());
+    auto clamp = [size](const Range& r) { return Range{std::min(r.begin, size), std::min(r.end, size)}; };
+    for (const Range& r : damage.zeroed) {
+        Range c = clamp(r);
+        std::fill(bytes.begin() + c.begin, bytes.begin() + c.end, '\0');
+    }
+    uint32_t seed = damage.seed;
+    for (const Range& r : damage.noise) {
+        Range c = clamp(r);
+        bytes.replace(size_t(c.begin), size_t(c.end - c.begin), Noise(size_t(c.end - c.begin), seed++));
+    }
+    if (damage.keep >= 0 && damage.keep < int64_t(bytes.size())) bytes.resize(size_t(damage.keep));
+    Range cut = clamp(damage.removed);
+    cut = {std::min(cut.begin, int64_t(bytes.size())), std::min(cut.end, int64_t(bytes.size()))};
+    if (cut.begin < cut.end) bytes.erase(size_t(cut.begin), size_t(cut.end - cut.begin));
+    return bytes;
+}
+
+Damage TypicalDamage(int64_t fileSize, int64_t headBytes, double noiseAt, int64_t noiseBytes, double keepFraction) {
+    Damage damage;
+    damage.zeroed = {{0, headBytes}};
+    const int64_t noise = int64_t(double(fileSize) * noiseAt);
+    damage.noise = {{noise, noise + noiseBytes}};
+    damage.keep = int64_t(double(fileSize) * keepFraction);
+    return damage;
+}
+
+// ---- what survived ----
+
+std::vector<ProbedPacket> ProbeVideoPackets(const std::string& path) {
+    std::string out;
+    testing_support::RunProgram({VR_TEST_FFPROBE, "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                 "packet=pos,size,flags", "-of", "csv=p=0", path},
+                                &out);
+    std::vector<ProbedPacket> packets;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        // ffprobe prints the fields in its own order: size, pos, flags.
+        std::string size, pos, flags;
+        std::istringstream fields(line);
+        std::getline(fields, size, ',');
+        std::getline(fields, pos, ',');
+        std::getline(fields, flags, ',');
+        if (size.empty() || !std::isdigit(uint8_t(size[0]))) continue;
+        ProbedPacket p;
+        p.size = std::stoll(size);
+        p.position = !pos.empty() && std::isdigit(uint8_t(pos[0])) ? std::stoll(pos) : -1;
+        p.key = flags.find('K') != std::string::npos;
+        packets.push_back(p);
+    }
+    return packets;
+}
+
+std::vector<ProbedPacket> PositionedPackets(std::vector<ProbedPacket> packets) {
+    packets.erase(std::remove_if(packets.begin(), packets.end(), [](const ProbedPacket& p) { return p.position < 0; }),
+                  packets.end());
+    std::stable_sort(packets.begin(), packets.end(),
+                     [](const ProbedPacket& a, const ProbedPacket& b) { return a.position < b.position; });
+    return packets;
+}
+
+std::vector<FrameSpan> OwnBytes(const std::vector<ProbedPacket>& packets, int64_t headBytes, int64_t tailBytes) {
+    std::vector<FrameSpan> spans;
+    for (const ProbedPacket& p : packets) {
+        if (p.position >= 0) spans.push_back({p.position - headBytes, p.position + p.size + tailBytes, p.key});
+    }
+    return spans;
+}
+
+std::vector<FrameSpan> ToNextPacket(const std::vector<ProbedPacket>& packets, int64_t lastEnd, int64_t tailBytes) {
+    std::vector<FrameSpan> spans;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const ProbedPacket& p = packets[i];
+        int64_t end = i + 1 < packets.size() ? packets[i + 1].position
+                      : lastEnd >= 0         ? lastEnd
+                                             : p.position + p.size;
+        spans.push_back({p.position, end + tailBytes, p.key});
+    }
+    return spans;
+}
+
+std::vector<FrameSpan> ToNextPosition(const std::vector<ProbedPacket>& packets, int64_t fileSize) {
+    std::vector<FrameSpan> frames;
+    for (const ProbedPacket& p : packets) {
+        int64_t begin = p.position >= 0 ? p.position : (frames.empty() ? 0 : frames.back().begin);
+        frames.push_back({begin, fileSize, p.key});
+    }
+    for (size_t i = 0; i < frames.size(); ++i) {
+        for (size_t j = i + 1; j < frames.size(); ++j) {
+            if (frames[j].begin > frames[i].begin) {
+                frames[i].end = frames[j].begin;
+                break;
+            }
+        }
+    }
+    return frames;
+}
+
+int CountSurvivors(const std::vector<FrameSpan>& frames, const Damage& damage, Dependence dependence) {
+    int count = 0;
+    bool chain = false;
+    for (const FrameSpan& f : frames) {
+        const bool alive = !damage.Hits(f.begin, f.end);
+        switch (dependence) {
+            case Dependence::kNone: chain = alive; break;
+            case Dependence::kUnbrokenChain: chain = alive && (f.key || chain); break;
+            case Dependence::kKeyFrame:
+                if (f.key) chain = alive;
+                break;
+        }
+        if (alive && chain) ++count;
+    }
+    return count;
+}
+
+// ---- probing results ----
+
+int CountStreams(const std::string& path, const std::string& type) {
+    std::string out;
+    if (testing_support::RunProgram({VR_TEST_FFPROBE, "-v", "error", "-select_streams", type, "-show_entries",
+                                     "stream=index", "-of", "csv=p=0", path},
+                                    &out) != 0)
+        return -1;
+    return int(std::count(out.begin(), out.end(), '\n'));
+}
+
+bool HasLine(const std::vector<std::string>& lines, const std::string& text) {
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& l) { return l.find(text) != std::string::npos; });
+}
+
+size_t FilesIn(const std::string& directory) {
+    std::string out;
+    testing_support::RunProgram({"find", directory, "-type", "f"}, &out);
+    return size_t(std::count(out.begin(), out.end(), '\n'));
+}
+
+bool IsUuidName(const std::string& path, const std::string& dir, const std::string& ext) {
+    if (path.rfind(dir + "/", 0) != 0) return false;
+    std::string name = path.substr(dir.size() + 1);
+    if (name.size() != 36 + 1 + ext.size() || name.substr(36) != "." + ext) return false;
+    for (size_t i = 0; i < 36; ++i) {
+        bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (dash ? name[i] != '-' : !std::isxdigit(uint8_t(name[i]))) return false;
+    }
+    return true;
+}
+
+// ---- hashes ----
+
+std::string FileHash(const std::string& path) {
+    // A FIFO or a directory named as the damaged file is never read: opening a
+    // FIFO would wait for a writer.
+    std::error_code ec;
+    const auto status = std::filesystem::symlink_status(path, ec);
+    if (ec || !std::filesystem::exists(status)) return std::string();
+    if (!std::filesystem::is_regular_file(status)) return "not a regular file: " + std::to_string(int(status.type()));
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::string();
+    // Only the data extents are read, each hashed behind its offset: a sparse
+    // file of many GiB hashes as fast as its few real bytes, and a write into a
+    // hole still shows (it makes a new extent).
+    Poco::SHA1Engine sha1;
+    std::vector<char> buffer(1 << 20);
+    const off_t size = ::lseek(fd, 0, SEEK_END);
+    off_t data = ::lseek(fd, 0, SEEK_DATA);
+    if (data < 0 && errno != ENXIO) data = 0;  // no hole support: one extent
+    while (data >= 0 && data < size) {
+        off_t hole = ::lseek(fd, data, SEEK_HOLE);
+        if (hole < 0) hole = size;
+        sha1.update(&data, sizeof data);
+        for (off_t at = data; at < hole;) {
+            const ssize_t n = ::pread(fd, buffer.data(), size_t(std::min<off_t>(hole - at, off_t(buffer.size()))), at);
+            if (n <= 0) break;
+            sha1.update(buffer.data(), size_t(n));
+            at += n;
+        }
+        data = ::lseek(fd, hole, SEEK_DATA);
+    }
+    sha1.update(&size, sizeof size);
+    ::close(fd);
+    return Poco::DigestEngine::digestToHex(sha1.digest());
+}
+
+::testing::AssertionResult InputGuard::Unchanged() const {
+    const std::string after = FileHash(path_);
+    if (!before_.empty() && after == before_) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the damaged input " << path_ << " changed: SHA-1 " << before_
+                                         << " before, " << after << " after";
+}
+
+// ---- the manager ----
+
+ManagerRun RepairThroughManager(const std::string& damaged, const std::string& sample, const std::string& logDir,
+                                const std::string& workDir) {
+    ManagerRun run;
+    InputGuard guard(damaged);
+    IVideoRepairManager* manager = nullptr;
+    if (InitKzVideoRepairLib(&manager) != 0 || manager == nullptr) return run;
+    testing_support::RecordingObserver observer;
+    const std::wstring logs = testing_support::Wide(logDir), work = testing_support::Wide(workDir);
+    manager->Initialize(&observer, logs.c_str(), work.c_str());
+    const std::wstring damagedW = testing_support::Wide(damaged), sampleW = testing_support::Wide(sample);
+    run.result = manager->Repair(damagedW.c_str(), sampleW.c_str());
+    std::vector<wchar_t> path(4096, L'\0');
+    if (manager->GetRepairedFilePath(path.data(), damagedW.c_str()) == 0)
+        run.repairedPath = testing_support::Narrow(path.data());
+    manager->Release();
+    run.log = testing_support::ReadLines(logDir + "/KzVideoRepair.log");
+    run.events = observer.Events();
+    run.inputUnchanged = bool(guard.Unchanged());
+    return run;
+}
+
+}  // namespace repair_harness
