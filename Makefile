@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test demo bench clean test-asan test-tsan fuzz
 
 # Input size per engine for the benchmark (bytes); inputs are cached in ~/.cache/videorepair-bench.
 BENCH_SIZE ?= 1073741824
@@ -31,3 +31,32 @@ bench: build
 
 clean:
 	rm -rf $(BUILD_DIR)
+
+# Checked builds, each in a folder of its own (see "Sanitizers and fuzzing" in README.md).
+ASAN_BUILD_DIR ?= build-asan
+TSAN_BUILD_DIR ?= build-tsan
+FUZZ_BUILD_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 60
+# The tests that run threads against each other: pause/resume/cancel, the manager, logs, signals.
+TSAN_TESTS ?= Pause|Resume|Cancel|Stop|Thread|Concurren|Manager|CarvingControl|CliSignals|EngineBase
+SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:check_initialization_order=1:detect_stack_use_after_return=1 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp \
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
+
+test-asan: deps
+	@cmake -S . -B $(ASAN_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVR_SANITIZE=address >/dev/null
+	@cmake --build $(ASAN_BUILD_DIR) -j $(JOBS)
+	@cd $(ASAN_BUILD_DIR) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) --timeout 900
+
+test-tsan: deps
+	@cmake -S . -B $(TSAN_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVR_SANITIZE=thread >/dev/null
+	@cmake --build $(TSAN_BUILD_DIR) -j $(JOBS)
+	@cd $(TSAN_BUILD_DIR) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)'
+
+fuzz: deps
+	@bash scripts/install-fuzz-deps.sh
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DVR_SANITIZE=fuzzer -DBUILD_TESTING=OFF >/dev/null
+	@cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target fuzzers
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD_DIR) $(FUZZ_TARGETS)

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <future>
+#include <mutex>
 #include <thread>
 
 #include "VideoRepairManager.h"
@@ -32,14 +33,21 @@ protected:
         e->blocks = nextBlocks_;
         e->result = nextResult_;
         e->outputPath = nextOutput_;
+        std::lock_guard<std::mutex> hold(createdLock_);
         created_.push_back(e);
         return e;
+    }
+    // The first engine, once the repair thread has made it (null before).
+    FakeEngine* FirstCreated() {
+        std::lock_guard<std::mutex> hold(createdLock_);
+        return created_.empty() ? nullptr : created_[0];
     }
     std::string Log() { return ReadFile(dir_.file("KzVideoRepair.log")); }
 
     TempDir dir_;
     RecordingObserver observer_;
     std::vector<std::string> journal_;
+    std::mutex createdLock_;  // engines are made on the repair's thread
     std::vector<FakeEngine*> created_;
     EngineTable table_;
     std::unique_ptr<VideoRepairManager> manager_;
@@ -144,7 +152,7 @@ TEST_F(ManagerRoad, ReinitializeForgetsRecordsAndEngines) {
 TEST_F(ManagerRoad, PauseResumeAndCancelReachARunningRepair) {
     nextBlocks_ = 1000000;
     auto running = std::async(std::launch::async, [this] { return manager_->Repair(L"/d/a.avi", L"/s/a.avi"); });
-    while (created_.empty() || !created_[0]->inRepair) std::this_thread::sleep_for(1ms);
+    while (FirstCreated() == nullptr || !FirstCreated()->inRepair) std::this_thread::sleep_for(1ms);
     manager_->Pause(42);
     EXPECT_TRUE(created_[0]->IsPaused());
     EXPECT_TRUE(manager_->IsPaused());

@@ -133,6 +133,7 @@ void DriveStubs(void* lib) {
     for (int slot = 7; slot <= 11; ++slot) CHECK(*Slot<const wchar_t* (*)(void*)>(parser, slot)(parser) == 0);
     CHECK(*Slot<const wchar_t* (*)(void*)>(parser, 20)(parser) == 0);
     CHECK(std::strcmp(Slot<const char* (*)(void*)>(parser, 21)(parser), "{}") == 0);
+    CHECK(Slot<void* (*)(void*, uint32_t)>(parser, 0)(parser, 1) == nullptr);  // deletes the parser
 
     auto createRemote = Export<CreateRemoteRepairManagerFn>(lib, "CreateRemoteRepairManager");
     auto deleteRemote = Export<DeleteRemoteRepairManagerFn>(lib, "DeleteRemoteRepairManager");
