@@ -428,7 +428,9 @@ TEST_F(WmvEngine, StopWhilePausedEndsTheRepairWithWhatWasFound) {
     engine.Pause();
     int result = 1;
     std::thread repair([&]() { result = engine.Repair(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Stop once the sample is read, so it lands in the paused scan however slow the build.
+    for (int i = 0; i < 2000 && !Logged("[WMV] sample video frames:"); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     engine.Stop();
     repair.join();
     EXPECT_EQ(result, 0);
