@@ -26,6 +26,7 @@ public:
 
 private:
     bool Flush();
+    bool WriteDirect(const uint8_t* p, size_t n);
 
     int fd_ = -1;
     std::vector<uint8_t> buffer_;
