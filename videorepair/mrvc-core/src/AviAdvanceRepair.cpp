@@ -100,6 +100,27 @@ uint64_t Load64(const uint8_t* p) {
 
 constexpr uint64_t Repeat(char c) { return 0x0101010101010101ull * uint8_t(c); }
 
+// The first position from `from` on (below length - 3) whose byte starts a word still
+// looked for, or length - 3. One wanted byte (only "idx1" left, the usual case for most
+// of the file) is found by memchr; several by testing eight bytes at a time.
+size_t NextCandidate(const uint8_t* block, size_t from, size_t length, const uint64_t* patterns, int count) {
+    const size_t words = length - 3;
+    if (from >= words) return words;
+    if (count == 1) {
+        const void* hit = std::memchr(block + from, int(patterns[0] & 0xFF), words - from);
+        return hit == nullptr ? words : size_t(static_cast<const uint8_t*>(hit) - block);
+    }
+    for (size_t j = from; j < words; ++j) {
+        if (j % 8 == 0 && j + 8 <= length && !GroupHasByte(Load64(block + j), patterns, count)) {
+            j += 7;
+            continue;
+        }
+        for (int k = 0; k < count; ++k)
+            if (block[j] == uint8_t(patterns[k])) return j;
+    }
+    return words;
+}
+
 // Steps 1, 2, ... from byte 4: the first chunk id or "JUNK" at byte 4 + step.
 int ResyncSteps(const uint8_t* block, bool& found) {
     for (int step = 1; step <= kResyncSteps; ++step) {
@@ -276,13 +297,11 @@ void AviAdvanceRepair::ScanBlock(const uint8_t* block, size_t length, int64_t po
     const size_t words = length - 3;
     uint64_t patterns[4];
     int count = StartBytePatterns(patterns);
-    for (size_t i = 0; i < words; i += 8) {
-        if (i + 8 <= length && !GroupHasByte(Load64(block + i), patterns, count)) continue;
-        for (size_t j = i; j < std::min(i + 8, words); ++j) {
-            if (!TestWord(Le32(block + j), position + int64_t(j))) continue;
-            if (moviKnown_ && idx1Known_) return;
-            count = StartBytePatterns(patterns);
-        }
+    for (size_t j = NextCandidate(block, 0, length, patterns, count); j < words;
+         j = NextCandidate(block, j + 1, length, patterns, count)) {
+        if (!TestWord(Le32(block + j), position + int64_t(j))) continue;
+        if (moviKnown_ && idx1Known_) return;
+        count = StartBytePatterns(patterns);
     }
 }
 
