@@ -102,10 +102,15 @@ void Damage(const std::string& path) {
     }
 }
 
+// Video packets of at least 64 bytes as libavformat reads them: a quick check that the
+// repaired file holds the input's frames (tiny chunks, such as AVI index pieces that a
+// rebuilt idx1 lists as video, are not frames).
 long long VideoPackets(const std::string& path) {
-    std::string n = Capture({"ffprobe", "-v", "error", "-select_streams", "v:0", "-count_packets", "-show_entries",
-                             "stream=nb_read_packets", "-of", "csv=p=0", path});
-    return std::atoll(n.c_str());
+    std::istringstream sizes(Capture({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                      "packet=size", "-of", "csv=p=0", path}));
+    long long count = 0;
+    for (long long size = 0; sizes >> size;) count += size >= 64;
+    return count;
 }
 
 struct Input {
