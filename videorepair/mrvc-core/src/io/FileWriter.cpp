@@ -30,7 +30,8 @@ bool FileWriter::Flush() {
     return ok_;
 }
 
-// Writes whole pieces straight from the caller's memory: bulk copies skip the buffer.
+// Writes straight from the caller's memory, in pieces of at most 1 MiB: bulk copies
+// (at least kDirectBytes) skip the buffer.
 bool FileWriter::WriteDirect(const uint8_t* p, size_t n) {
     while (ok_ && n > 0) {
         uint32_t piece = uint32_t(std::min(n, kPieceBytes));
@@ -45,7 +46,7 @@ bool FileWriter::WriteDirect(const uint8_t* p, size_t n) {
 bool FileWriter::Write(const void* data, size_t n) {
     if (fd_ < 0 || !ok_) return false;
     const auto* p = static_cast<const uint8_t*>(data);
-    if (n >= kPieceBytes) return Flush() && WriteDirect(p, n);
+    if (n >= kDirectBytes) return Flush() && WriteDirect(p, n);
     while (n > 0) {
         size_t room = kPieceBytes - buffer_.size();
         size_t take = std::min(room, n);

@@ -9,6 +9,7 @@
 class FileWriter {
 public:
     static constexpr size_t kPieceBytes = 1048576;
+    static constexpr size_t kDirectBytes = 65536;  // writes this long bypass the buffer
 
     FileWriter() = default;
     ~FileWriter();
