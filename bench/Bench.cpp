@@ -163,7 +163,7 @@ struct Result {
     std::string name;
     bool runsFfmpeg = false;
     double mb = 0, load = 0;
-    double cat = 0, cp = 0, ffmpeg = 0, ours = 0, oursPass = 0, cancel = -1;
+    double cat = 0, cp = 0, ffmpeg = 0, ours = 0, oursPass = 0, oursChildCpu = 0, oursLoad = 0, cancel = -1;
     long catKiB = 0, cpKiB = 0, ffmpegKiB = 0, oursKiB = 0, oursChildKiB = 0;
     bool repaired = false;
     double keptShare = 0;  // video packets in the repaired file / in the undamaged source
@@ -171,17 +171,20 @@ struct Result {
 
 // One run of our repair; returns the repaired path (kept for the first run's check).
 std::string RunOurs(const std::string& self, const std::string& library, const Input& in, const std::string& scratch,
-                    Result& r, std::vector<double>& total, std::vector<double>& pass) {
+                    Result& r, std::vector<double>& total, std::vector<double>& pass, std::vector<double>& childCpus,
+                    std::vector<double>& loads) {
     std::string listing = scratch + "/ours.txt";
     Measurement m = Run({self, "--child", "repair", library, in.damaged, in.sample}, listing);
     std::ifstream list(listing);
-    std::string path;
-    double passSeconds = 0;
+    std::string text((std::istreambuf_iterator<char>(list)), std::istreambuf_iterator<char>());
+    std::string path = TaggedLine(text, "vr_bench-repaired");
+    double passSeconds = 0, childCpu = 0, loading = 0;
     long childKiB = 0;
-    std::getline(list, path);
-    list >> passSeconds >> childKiB;
+    std::istringstream(TaggedLine(text, "vr_bench-times")) >> passSeconds >> childKiB >> childCpu >> loading;
     total.push_back(m.seconds);
     pass.push_back(passSeconds);
+    childCpus.push_back(childCpu);
+    loads.push_back(loading);
     r.oursKiB = std::max(r.oursKiB, m.peakKiB);
     r.oursChildKiB = std::max(r.oursChildKiB, childKiB);
     r.repaired = m.exitCode == 0 && !path.empty() && fs::exists(path);
@@ -191,7 +194,8 @@ std::string RunOurs(const std::string& self, const std::string& library, const I
 void MeasureCancel(const std::string& self, const std::string& library, const Input& in, int runs, Result& r) {
     std::vector<double> latencies;
     for (int i = 0; i < runs; ++i) {
-        std::istringstream out(Capture({self, "--child", "cancel", library, in.damaged, in.sample}));
+        std::istringstream out(TaggedLine(Capture({self, "--child", "cancel", library, in.damaged, in.sample}),
+                                          "vr_bench-cancel"));
         double latency = -1;
         int early = 0;
         out >> latency >> early;
@@ -208,7 +212,7 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
     r.runsFfmpeg = row.runsFfmpeg;
     r.load = std::atof(LoadText().c_str());
     r.mb = double(fs::file_size(in.damaged)) / 1e6;
-    std::vector<double> cat, cp, ff, ours, pass;
+    std::vector<double> cat, cp, ff, ours, pass, childCpus, loads;
     for (int i = 0; i < runs; ++i) {
         Measurement m = Run({"cat", in.damaged});
         cat.push_back(m.seconds);
@@ -223,12 +227,14 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
         ff.push_back(m.seconds);
         r.ffmpegKiB = std::max(r.ffmpegKiB, m.peakKiB);
         fs::remove(ffOut);
-        std::string repaired = RunOurs(self, library, in, scratch, r, ours, pass);
+        std::string repaired = RunOurs(self, library, in, scratch, r, ours, pass, childCpus, loads);
         if (i == 0 && !repaired.empty() && in.sourcePackets > 0)
             r.keptShare = double(VideoPackets(repaired)) / double(in.sourcePackets);
         CleanBeside(in);
     }
     r.cat = Median(cat), r.cp = Median(cp), r.ffmpeg = Median(ff), r.ours = Median(ours), r.oursPass = Median(pass);
+    r.oursChildCpu = Median(childCpus);
+    r.oursLoad = Median(loads);
     MeasureCancel(self, library, in, runs, r);
     return r;
 }
@@ -256,25 +262,27 @@ void Report(const std::vector<Result>& results, const std::string& outDir, long 
        << MachineText() << ".\nInput " << (size >> 20) << " MiB per engine, lightly damaged (three 64 KiB ranges of "
        << "random bytes); median of " << runs << " runs. Load average " << loadBefore << " before, " << LoadText()
        << " after; inputs generated in " << Fixed(generation, 0) << " s this run (0 when cached).\n\n";
-    md << "| engine | MB | load | cat MB/s | cp MB/s | ffmpeg copy MB/s | ours MB/s | ours: engine pass + output s "
+    md << "| engine | MB | load | cat MB/s | cp MB/s | ffmpeg copy MB/s | ours MB/s | ours: library load + engine pass + output s "
           "| ours/cp time | ours/ffmpeg time | peak RSS MiB cat/cp/ffmpeg/ours (+ffmpeg it ran) | cancel s | "
           "video packets kept |\n";
     md << "|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
-    csv << "engine,mb,load,cat_s,cp_s,ffmpeg_s,ours_s,ours_pass_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,ours_ffmpeg_kib,"
+    csv << "engine,mb,load,cat_s,cp_s,ffmpeg_s,ours_s,ours_load_s,ours_pass_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,ours_ffmpeg_kib,"
            "cancel_s,repaired,video_packets_kept\n";
     for (const Result& r : results) {
         md << "| " << r.name << " | " << Fixed(r.mb, 0) << " | " << Fixed(r.load, 1) << " | " << Fixed(r.mb / r.cat, 0)
            << " | " << Fixed(r.mb / r.cp, 0) << " | " << Fixed(r.mb / r.ffmpeg, 0) << " | " << Fixed(r.mb / r.ours, 0)
-           << " | " << Fixed(r.oursPass, 2) << " + " << Fixed(r.ours - r.oursPass, 2) << " | "
+           << " | " << Fixed(r.oursLoad, 2) << " + " << Fixed(r.oursPass, 2) << " + "
+           << Fixed(r.ours - r.oursPass - r.oursLoad, 2)
+           << (r.runsFfmpeg ? " (ffmpeg CPU " + Fixed(r.oursChildCpu, 1) + ")" : std::string()) << " | "
            << Fixed(r.ours / r.cp, 2) << " | " << Fixed(r.ours / r.ffmpeg, 2) << " | " << r.catKiB / 1024 << "/"
            << r.cpKiB / 1024 << "/" << r.ffmpegKiB / 1024 << "/" << r.oursKiB / 1024
            << (r.runsFfmpeg ? " (+" + std::to_string(r.oursChildKiB / 1024) + ")" : std::string()) << " | "
            << (r.cancel < 0 ? std::string("n/a") : Fixed(r.cancel, 3)) << " | "
            << (r.repaired ? Fixed(100 * r.keptShare, 1) + "%" : std::string("not repaired")) << " |\n";
         csv << r.name << "," << Fixed(r.mb, 1) << "," << Fixed(r.load, 2) << "," << Fixed(r.cat, 4) << ","
-            << Fixed(r.cp, 4) << "," << Fixed(r.ffmpeg, 4) << "," << Fixed(r.ours, 4) << "," << Fixed(r.oursPass, 4)
+            << Fixed(r.cp, 4) << "," << Fixed(r.ffmpeg, 4) << "," << Fixed(r.ours, 4) << "," << Fixed(r.oursLoad, 4) << "," << Fixed(r.oursPass, 4)
             << "," << r.catKiB << "," << r.cpKiB << "," << r.ffmpegKiB << "," << r.oursKiB << "," << r.oursChildKiB
-            << "," << Fixed(r.cancel, 4) << "," << int(r.repaired) << "," << Fixed(r.keptShare, 4) << "\n";
+            << "," << Fixed(r.oursChildCpu, 3) << "," << Fixed(r.cancel, 4) << "," << int(r.repaired) << "," << Fixed(r.keptShare, 4) << "\n";
     }
     md << "\n## Targets\n\n| engine | targets |\n|---|---|\n";
     for (const Result& r : results) md << "| " << r.name << " | " << TargetText(r) << " |\n";

@@ -103,6 +103,13 @@ std::string LoadText() {
     return one;
 }
 
+std::string TaggedLine(const std::string& text, const std::string& tag) {
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(tag + " ", 0) == 0) return line.substr(tag.size() + 1);
+    return std::string();
+}
+
 std::string Quote(const std::string& s) {
     return s.find_first_of(" '\"=+") == std::string::npos ? s : "'" + s + "'";
 }

@@ -28,6 +28,9 @@ std::string MachineText();
 // The 1-minute load average now: the machine is shared, so every table says how busy it was.
 std::string LoadText();
 
+// The rest of the line after "tag " in text, or "" when no line starts with it.
+std::string TaggedLine(const std::string& text, const std::string& tag);
+
 std::string Quote(const std::string& s);  // for command lines shown to people
 std::string JoinCommand(const std::vector<std::string>& argv);
 

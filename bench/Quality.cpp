@@ -6,8 +6,8 @@
 //   vr_quality [--cache DIR] [--out DIR] [--only CONTAINER]
 //
 // Score: video frames that decode in the output / video frames of the original whose
-// bytes all survived the damage; and audio seconds in the output / audio seconds of
-// the original whose bytes survived.
+// packet bytes all survived the damage; and decoded audio seconds in the output /
+// decoded audio seconds of the original whose packet bytes survived.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -130,31 +130,36 @@ bool Encode(const Codec& c, double seconds, bool sample, const std::string& out)
     return Run(a).exitCode == 0;
 }
 
-// Packets of one stream of the original: byte position, size, duration.
-struct Packet {
+// Decoded frames of one stream: where their packet lay, its size, the frame's duration.
+struct Frame {
     long long pos = -1, size = 0;
     double duration = 0;
 };
 
-std::vector<Packet> Packets(const std::string& path, const std::string& stream) {
-    std::istringstream in(Capture({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
-                                   "packet=pos,size,duration_time", "-of", "csv=p=0", path}));
-    std::vector<Packet> out;
+std::string Field(const std::string& line, const std::string& key) {
+    size_t at = line.find("|" + key + "=");
+    if (at == std::string::npos) return std::string();
+    at += key.size() + 2;
+    return line.substr(at, line.find('|', at) - at);
+}
+
+std::vector<Frame> Frames(const std::string& path, const std::string& stream) {
+    std::istringstream in(Capture({"ffprobe", "-v", "quiet", "-select_streams", stream, "-show_entries",
+                                   "frame=pkt_pos,pkt_size,pkt_duration_time", "-of", "compact", path}));
+    std::vector<Frame> out;
     for (std::string line; std::getline(in, line);) {
-        Packet p;
-        std::replace(line.begin(), line.end(), ',', ' ');
-        std::istringstream fields(line);
-        std::string duration, size, pos;
-        fields >> duration >> size >> pos;  // csv order is fixed by ffprobe: duration_time,size,pos
-        p.duration = std::atof(duration.c_str());
-        p.size = std::atoll(size.c_str());
-        p.pos = pos == "N/A" ? -1 : std::atoll(pos.c_str());
-        out.push_back(p);
+        if (line.rfind("frame|", 0) != 0) continue;
+        Frame f;
+        std::string pos = Field(line, "pkt_pos");
+        f.pos = pos.empty() || pos == "N/A" ? -1 : std::atoll(pos.c_str());
+        f.size = std::atoll(Field(line, "pkt_size").c_str());
+        f.duration = std::atof(Field(line, "pkt_duration_time").c_str());
+        out.push_back(f);
     }
     return out;
 }
 
-bool Survives(const Packet& p, const Damage& d, double overhead) {
+bool Survives(const Frame& p, const Damage& d, double overhead) {
     if (p.pos < 0) return false;
     long long end = p.pos + (long long)(double(p.size) * overhead);
     if (end > d.keptSize) return false;
@@ -171,10 +176,8 @@ struct Score {
 Score ScoreOf(const std::string& path) {
     Score s;
     if (path.empty() || !fs::exists(path) || fs::file_size(path) == 0) return s;
-    std::string n = Capture({"ffprobe", "-v", "error", "-select_streams", "v:0", "-count_frames", "-show_entries",
-                             "stream=nb_read_frames", "-of", "csv=p=0", path});
-    s.frames = std::atoll(n.c_str());
-    for (const Packet& p : Packets(path, "a:0")) s.audio += p.duration;
+    s.frames = (long long)Frames(path, "v:0").size();
+    for (const Frame& f : Frames(path, "a:0")) s.audio += f.duration;
     return s;
 }
 
@@ -186,8 +189,8 @@ struct Case {
 };
 
 std::string RepairOurs(const std::string& bin, const std::string& damaged, const std::string& sample) {
-    std::string listing = Capture({bin + "/vr_bench", "--child", "repair", bin + "/lib_videorepair.so", damaged, sample});
-    return listing.substr(0, listing.find('\n'));
+    return TaggedLine(Capture({bin + "/vr_bench", "--child", "repair", bin + "/lib_videorepair.so", damaged, sample}),
+                      "vr_bench-repaired");
 }
 
 std::string RepairRemux(const std::string& bin, const std::string& damaged, const std::string& dir,
@@ -220,8 +223,9 @@ void Report(const std::vector<Case>& cases, const std::string& outDir) {
     std::ostringstream md, csv;
     md << "# Recovery quality\n\n" << MachineText() << "; load average " << LoadText() << ".\n\n"
        << "4 s clips at 320x240, 25 fps, with a 48 kHz tone; the sample is 2 s of other content with the same "
-          "settings. Video: frames that decode in the output as a share of the original's frames whose bytes "
-          "survived the damage. Audio: seconds of audio packets in the output (share of the surviving audio). "
+          "settings. Video: frames that decode in the output as a share of the original's frames whose packet bytes "
+          "survived the damage (more than 100% where damaged frames still decode). Audio: decoded seconds in the "
+          "output (share of the original's audio whose packet bytes survived). "
           "ffmpeg: `-err_detect ignore_err -fflags +genpts+discardcorrupt -c copy`; remux: `videorepair remux`.\n\n";
     md << "| container | codecs | damage | frames orig/surviving | ours | remux | ffmpeg | audio s surviving | "
           "ours | remux | ffmpeg |\n|---|---|---|---|---|---|---|---|---|---|---|\n";
@@ -286,7 +290,7 @@ int main(int argc, char** argv) {
         }
         std::fprintf(stderr, "%s\n", tag.c_str());
         std::string bytes = ReadAll(original);
-        std::vector<Packet> video = Packets(original, "v:0"), audio = Packets(original, "a:0");
+        std::vector<Frame> video = Frames(original, "v:0"), audio = Frames(original, "a:0");
         int index = 0;
         for (const Model& model : Models()) {
             Case c;
@@ -301,8 +305,8 @@ int main(int argc, char** argv) {
             d.keptSize = (long long)copy.size();
             std::ofstream(damaged, std::ios::binary).write(copy.data(), std::streamsize(copy.size()));
             c.originalFrames = (long long)video.size();
-            for (const Packet& p : video) c.survivingFrames += Survives(p, d, codec.overhead);
-            for (const Packet& p : audio)
+            for (const Frame& p : video) c.survivingFrames += Survives(p, d, codec.overhead);
+            for (const Frame& p : audio)
                 if (Survives(p, d, codec.overhead)) c.survivingAudio += p.duration;
             c.ours = ScoreOf(RepairOurs(bin, damaged, sample));
             c.remux = ScoreOf(RepairRemux(bin, damaged, dir, codec.extension));

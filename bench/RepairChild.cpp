@@ -21,6 +21,8 @@ using Clock = std::chrono::steady_clock;
 
 std::wstring Wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
 
+double Seconds(const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; }
+
 // Remembers the latest repair progress and when the engine's pass ended (OnFinished
 // comes after the engine's Repair and before the repaired file is written).
 struct TimingObserver : IVideoRepairObserver {
@@ -47,7 +49,7 @@ IVideoRepairManager* OpenManager(const std::string& library, TimingObserver& obs
 }
 
 int RepairOnce(IVideoRepairManager* manager, TimingObserver& observer, const std::string& damaged,
-               const std::string& sample) {
+               const std::string& sample, Clock::time_point launched) {
     auto start = Clock::now();
     int rc = manager->Repair(Wide(damaged).c_str(), Wide(sample).c_str());
     wchar_t out[4096];
@@ -56,7 +58,10 @@ int RepairOnce(IVideoRepairManager* manager, TimingObserver& observer, const std
     rusage children{};
     getrusage(RUSAGE_CHILDREN, &children);
     double pass = std::chrono::duration<double>(observer.finished - start).count();
-    std::printf("%s\n%.4f %ld\n", std::string(path.begin(), path.end()).c_str(), pass, children.ru_maxrss);
+    // Tagged lines: the library may print on the console too ("read buf failed").
+    double loading = std::chrono::duration<double>(start - launched).count();
+    std::printf("\nvr_bench-repaired %s\nvr_bench-times %.4f %ld %.4f %.4f\n", std::string(path.begin(), path.end()).c_str(),
+                pass, children.ru_maxrss, Seconds(children.ru_utime) + Seconds(children.ru_stime), loading);
     return repaired && !path.empty() ? 0 : 1;
 }
 
@@ -78,12 +83,13 @@ void CancelDuringScan(IVideoRepairManager* manager, TimingObserver& observer, co
     bool early = !done;
     manager->Cancel(0);
     repair.join();
-    std::printf("%.4f %d\n", early ? std::chrono::duration<double>(returned - cancelled).count() : -1.0, int(early));
+    std::printf("\nvr_bench-cancel %.4f %d\n", early ? std::chrono::duration<double>(returned - cancelled).count() : -1.0, int(early));
 }
 
 }  // namespace
 
 int ChildMain(int argc, char** argv) {
+    const Clock::time_point launched = Clock::now();
     if (argc < 6) return 2;
     std::string mode = argv[2], library = argv[3], damaged = argv[4], sample = argv[5];
     std::string work = std::filesystem::path(damaged).parent_path().string() + "/work";
@@ -92,7 +98,7 @@ int ChildMain(int argc, char** argv) {
     if (manager == nullptr) return 2;
     int rc = 0;
     if (mode == "repair")
-        rc = RepairOnce(manager, observer, damaged, sample);
+        rc = RepairOnce(manager, observer, damaged, sample, launched);
     else
         CancelDuringScan(manager, observer, damaged, sample);
     manager->Release();

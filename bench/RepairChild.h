@@ -6,10 +6,13 @@
 namespace bench {
 
 // vr_bench --child repair|cancel LIBRARY DAMAGED SAMPLE
-//  repair: prints the repaired path, then "<seconds until Repair's engine pass ended>
-//          <peak KiB of the programs the library ran, e.g. ffmpeg>"; exit 0 when repaired.
-//  cancel: starts a repair, cancels it during the scan and prints
-//          "<seconds from Cancel to Repair returning> <1 when the cancel came before the end>".
+//  repair: prints "vr_bench-repaired <path>" and "vr_bench-times <seconds until Repair's
+//          engine pass ended> <peak KiB of the programs the library ran, e.g. ffmpeg>
+//          <their CPU seconds> <seconds spent loading and initialising the library>";
+//          exit 0 when repaired.
+//  cancel: starts a repair, cancels it during the scan and prints "vr_bench-cancel
+//          <seconds from Cancel to Repair returning> <1 when the cancel came before the end>".
+// Lines are tagged because the library may print on the console too.
 int ChildMain(int argc, char** argv);
 
 }  // namespace bench
