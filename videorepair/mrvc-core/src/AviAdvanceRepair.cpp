@@ -273,14 +273,15 @@ void AviAdvanceRepair::ParseStreamList(const uint8_t* list, size_t available) {
 }
 
 // Blocks of 1024 bytes overlapping by 3, so a word across a border is seen.
+// Each block is looked at in the reader's cache rather than copied out.
 void AviAdvanceRepair::ScanDamaged() {
-    uint8_t block[kBlockBytes];
     int64_t position = 0;
     for (;;) {
-        const int64_t got = damaged_.ReadBlock(position, block, kBlockBytes);
-        if (got < 4) break;
-        ScanBlock(block, size_t(got), position);
-        position += got - 3;
+        size_t got = 0;
+        const uint8_t* block = damaged_.View(position, kBlockBytes, got);
+        if (block == nullptr || got < 4) break;
+        ScanBlock(block, got, position);
+        position += int64_t(got) - 3;
         if (damagedSize_ > 0) ReportProgress(int(40 + 0.35 * (100.0 * double(position) / double(damagedSize_))));
         if (PauseThenShouldStop()) break;
     }
