@@ -101,14 +101,24 @@ uint64_t Load64(const uint8_t* p) {
 constexpr uint64_t Repeat(char c) { return 0x0101010101010101ull * uint8_t(c); }
 
 // The first position from `from` on (below length - 3) whose byte starts a word still
-// looked for, or length - 3. One wanted byte (only "idx1" left, the usual case for most
-// of the file) is found by memchr; several by testing eight bytes at a time.
+// looked for, or length - 3 (a word that cannot teach anything may be passed over).
+// One word left (only "idx1", the usual case for most of the file) is found with
+// memchr; several first bytes by testing eight bytes at a time.
 size_t NextCandidate(const uint8_t* block, size_t from, size_t length, const uint64_t* patterns, int count) {
     const size_t words = length - 3;
     if (from >= words) return words;
     if (count == 1) {
-        const void* hit = std::memchr(block + from, int(patterns[0] & 0xFF), words - from);
-        return hit == nullptr ? words : size_t(static_cast<const uint8_t*>(hit) - block);
+        // One word is left ("idx1", or "movi" after a tentative start): its first byte
+        // by memchr, the other three checked here, since no other word can teach anything.
+        const uint8_t first = uint8_t(patterns[0]);
+        const uint32_t wanted = first == 'i' ? kIdx1 : kMovi;
+        for (size_t j = from; j < words; ++j) {
+            const void* hit = std::memchr(block + j, first, words - j);
+            if (hit == nullptr) return words;
+            j = size_t(static_cast<const uint8_t*>(hit) - block);
+            if (Le32(block + j) == wanted) return j;
+        }
+        return words;
     }
     for (size_t j = from; j < words; ++j) {
         if (j % 8 == 0 && j + 8 <= length && !GroupHasByte(Load64(block + j), patterns, count)) {
