@@ -266,7 +266,7 @@ void Report(const std::vector<Result>& results, const std::string& outDir, long 
           "| ours/cp time | ours/ffmpeg time | peak RSS MiB cat/cp/ffmpeg/ours (+ffmpeg it ran) | cancel s | "
           "video packets kept |\n";
     md << "|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
-    csv << "engine,mb,load,cat_s,cp_s,ffmpeg_s,ours_s,ours_load_s,ours_pass_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,ours_ffmpeg_kib,"
+    csv << "engine,mb,load,cat_s,cp_s,ffmpeg_s,ours_s,ours_load_s,ours_pass_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,ours_ffmpeg_kib,ours_ffmpeg_cpu_s,"
            "cancel_s,repaired,video_packets_kept\n";
     for (const Result& r : results) {
         md << "| " << r.name << " | " << Fixed(r.mb, 0) << " | " << Fixed(r.load, 1) << " | " << Fixed(r.mb / r.cat, 0)
