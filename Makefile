@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench clean test-asan test-tsan fuzz
+.PHONY: all deps configure build test demo bench bench-quality clean test-asan test-tsan fuzz
 
 # Input size per engine for the benchmark (bytes); inputs are cached in ~/.cache/videorepair-bench.
 BENCH_SIZE ?= 1073741824
@@ -28,6 +28,10 @@ demo: build
 
 bench: build
 	@$(BUILD_DIR)/bin/vr_bench --size $(BENCH_SIZE) --runs $(BENCH_RUNS) --out bench/results
+
+# Recovery quality: short clips per container and codec, seven damage models, three repairs.
+bench-quality: build
+	@$(BUILD_DIR)/bin/vr_quality --out bench/results
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -4,189 +4,89 @@
 // that its peak resident memory is its own.
 //
 //   vr_bench [--size BYTES] [--runs N] [--cache DIR] [--out DIR] [--only NAME]
-//   vr_bench --child repair|cancel LIBRARY DAMAGED SAMPLE   (internal)
-#include <dlfcn.h>
-#include <sys/resource.h>
-#include <sys/utsname.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+//   vr_bench --child repair|cancel LIBRARY DAMAGED SAMPLE   (internal, see RepairChild.h)
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "IVideoRepairManager.h"
-#include "IVideoRepairObserver.h"
-#include "VideoRepairExport.h"
+#include "BenchSupport.h"
+#include "RepairChild.h"
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using namespace bench;
 
 namespace {
 
-struct Measurement {
-    double seconds = 0;
-    long peakKiB = 0;
-    int exitCode = -1;
-};
-
-// One container: how its sample and its large input are made, and the damage applied.
+// One container: the codec settings of its "device" (the sample and the large input
+// share them) and whether the engine hands its result to ffmpeg.
 struct Row {
     std::string name;
     std::string extension;
-    std::vector<std::string> codecArgs;  // after the lavfi inputs
-    std::string videoSource;             // lavfi video graph, {} replaced by the duration
-    bool withAudio;
+    std::vector<std::string> codecArgs;  // after the lavfi inputs, including the muxer options
+    std::vector<std::string> muxArgs;    // muxer options again for the container-level repeat
+    bool runsFfmpeg;
 };
 
-std::string Arg(int argc, char** argv, const std::string& name, const std::string& fallback) {
-    for (int i = 1; i + 1 < argc; ++i)
-        if (argv[i] == name) return argv[i + 1];
-    return fallback;
-}
-
-std::wstring Wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
-
-// Runs argv (no shell) with stdout/stderr to /dev/null, timing it and reading its peak RSS.
-Measurement Run(const std::vector<std::string>& argv, const std::string& stdoutPath = "/dev/null") {
-    Measurement m;
-    auto start = Clock::now();
-    pid_t pid = fork();
-    if (pid == 0) {
-        FILE* out = std::freopen(stdoutPath.c_str(), "w", stdout);
-        FILE* err = std::freopen("/dev/null", "w", stderr);
-        FILE* in = std::freopen("/dev/null", "r", stdin);
-        (void)out, (void)err, (void)in;
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    int status = 0;
-    rusage usage{};
-    wait4(pid, &status, 0, &usage);
-    m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    m.peakKiB = usage.ru_maxrss;
-    m.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return m;
-}
-
-std::string Capture(const std::vector<std::string>& argv) {
-    char name[] = "/tmp/vr_bench_capture_XXXXXX";
-    int fd = mkstemp(name);
-    close(fd);
-    Run(argv, name);
-    std::ifstream in(name);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    fs::remove(name);
-    return ss.str();
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
-// ---- child side: the repair as a desktop host would run it -------------------
-
-struct QuietObserver : IVideoRepairObserver {
-    std::atomic<int> progress{0};
-    void OnProgress(int32_t kind, int32_t value, int32_t, void*) override {
-        if (kind == 0) progress = value;
-    }
-    void OnStarted() override {}
-    void OnStopped() override {}
-    void OnPaused() override {}
-    void OnResumed() override {}
-    void OnFinished() override {}
-};
-
-int ChildMain(int argc, char** argv) {
-    std::string mode = argv[2], library = argv[3], damaged = argv[4], sample = argv[5];
-    void* lib = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (lib == nullptr) return 2;
-    auto init = reinterpret_cast<InitKzVideoRepairLibFn>(dlsym(lib, "InitKzVideoRepairLib"));
-    IVideoRepairManager* manager = nullptr;
-    if (init == nullptr || init(&manager) != 0) return 2;
-    QuietObserver observer;
-    std::string work = fs::path(damaged).parent_path().string() + "/work";
-    manager->Initialize(&observer, Wide(work).c_str(), Wide(work).c_str());
-    if (mode == "repair") {
-        int rc = manager->Repair(Wide(damaged).c_str(), Wide(sample).c_str());
-        wchar_t out[4096];
-        if (rc == 0 && manager->GetRepairedFilePath(out, Wide(damaged).c_str()) == 0) {
-            std::wstring w(out);
-            std::printf("%s\n", std::string(w.begin(), w.end()).c_str());
-        }
-        manager->Release();
-        return rc == 0 ? 0 : 1;
-    }
-    // cancel: start a repair, cancel it once it is scanning, time until it returns.
-    std::atomic<bool> done{false};
-    Clock::time_point returned;
-    std::thread repair([&] {
-        manager->Repair(Wide(damaged).c_str(), Wide(sample).c_str());
-        returned = Clock::now();
-        done = true;
-    });
-    auto begin = Clock::now();
-    // Cancel once the engine reports progress (its scan is under way) and a little more.
-    while (!done && observer.progress < 1 && Clock::now() - begin < std::chrono::seconds(20))
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    auto cancelled = Clock::now();
-    bool early = !done;
-    manager->Cancel(0);
-    repair.join();
-    manager->Release();
-    std::printf("%.4f %d\n", early ? std::chrono::duration<double>(returned - cancelled).count() : -1.0,
-                int(early));
-    return 0;
-}
-
-// ---- parent side ------------------------------------------------------------
-
+// Camera-like settings: 1280x720 at 25 fps with sound, at bit rates such devices record.
 std::vector<Row> Rows() {
-    const std::string big = "testsrc2=size=1280x720:rate=25:duration={}";
     return {
-        {"avi", "avi", {"-c:v", "mjpeg", "-q:v", "2", "-c:a", "pcm_s16le"}, big, true},
-        {"flv", "flv", {"-c:v", "flv1", "-q:v", "2", "-c:a", "libmp3lame", "-ar", "44100"}, big, true},
-        {"mkv", "mkv", {"-c:v", "mjpeg", "-q:v", "2", "-c:a", "pcm_s16le"}, big, true},
-        {"mpeg", "mpg", {"-c:v", "mpeg2video", "-q:v", "2", "-c:a", "mp2", "-f", "mpeg"}, big, true},
-        {"mts", "m2ts", {"-c:v", "mpeg2video", "-q:v", "2", "-c:a", "mp2", "-f", "mpegts", "-mpegts_m2ts_mode", "1"}, big, true},
-        {"mxf", "mxf", {"-c:v", "mpeg2video", "-q:v", "2", "-pix_fmt", "yuv422p", "-c:a", "pcm_s16le", "-ar", "48000"}, big, true},
-        {"wmv", "wmv", {"-c:v", "wmv2", "-q:v", "2", "-c:a", "wmav2"}, big, true},
+        {"avi", "avi", {"-c:v", "mjpeg", "-q:v", "3", "-c:a", "pcm_s16le"}, {}, false},
+        {"flv", "flv", {"-c:v", "flv1", "-q:v", "3", "-c:a", "libmp3lame", "-ar", "44100", "-b:a", "128k"}, {}, false},
+        {"mkv", "mkv",
+         {"-c:v", "libx264", "-preset", "veryfast", "-b:v", "16M", "-g", "50", "-c:a", "aac", "-b:a", "192k"}, {}, false},
+        {"mts", "m2ts",
+         {"-c:v", "libx264", "-preset", "veryfast", "-b:v", "16M", "-g", "25", "-c:a", "ac3", "-b:a", "192k", "-f",
+          "mpegts", "-mpegts_m2ts_mode", "1"},
+         {"-f", "mpegts", "-mpegts_m2ts_mode", "1"}, false},
+        {"mpeg", "mpg",
+         {"-c:v", "mpeg2video", "-b:v", "15M", "-maxrate", "15M", "-bufsize", "2M", "-g", "12", "-c:a", "mp2", "-b:a",
+          "224k", "-f", "mpeg"},
+         {"-f", "mpeg"}, true},
+        {"mxf", "mxf",
+         {"-c:v", "mpeg2video", "-pix_fmt", "yuv422p", "-b:v", "50M", "-maxrate", "50M", "-bufsize", "8M", "-g", "12",
+          "-bf", "0", "-c:a", "pcm_s16le", "-ar", "48000", "-ac", "2"},
+         {}, true},
+        {"wmv", "wmv", {"-c:v", "wmv2", "-b:v", "12M", "-c:a", "wmav2", "-b:a", "192k"}, {}, true},
     };
 }
 
-std::vector<std::string> GenerateArgs(const Row& row, double seconds, long long maxBytes, const std::string& out,
-                                      bool sample) {
-    std::string video = row.videoSource;
-    video.replace(video.find("{}"), 2, std::to_string(seconds));
-    if (sample) video.replace(0, 8, "testsrc");  // other content, same settings
-    std::vector<std::string> a = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y",
-                                  "-f", "lavfi", "-i", video};
-    if (row.withAudio) {
-        a.insert(a.end(), {"-f", "lavfi", "-i", "sine=frequency=" + std::string(sample ? "660" : "440") +
-                                                    ":sample_rate=48000:duration=" + std::to_string(seconds)});
-    }
+// Encodes `seconds` of test picture and tone with the row's settings. The sample gets
+// other content (testsrc, 660 Hz) with the same settings, as from the same device.
+bool Encode(const Row& row, double seconds, bool sample, const std::string& out) {
+    std::string d = std::to_string(seconds);
+    std::vector<std::string> a = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y", "-f", "lavfi",
+                                  "-i", std::string(sample ? "testsrc" : "testsrc2") + "=size=1280x720:rate=25:duration=" + d,
+                                  "-f", "lavfi", "-i",
+                                  "sine=frequency=" + std::string(sample ? "660" : "440") + ":sample_rate=48000:duration=" + d};
     a.insert(a.end(), row.codecArgs.begin(), row.codecArgs.end());
-    a.insert(a.end(), {"-threads", "2"});
-    if (maxBytes > 0) a.insert(a.end(), {"-fs", std::to_string(maxBytes)});
+    a.insert(a.end(), {"-threads", "2", out});
+    return Run(a).exitCode == 0;
+}
+
+// The large input is one encoded segment repeated by ffmpeg's concat demuxer with a
+// stream copy: timestamps continue across the joins and the muxer writes a proper
+// container of the requested size, at disk speed instead of encoder speed.
+bool Repeat(const Row& row, const std::string& segment, long long size, const std::string& out) {
+    std::string list = out + ".txt";
+    long long copies = size / std::max<long long>(1, fs::file_size(segment)) + 2;
+    {
+        std::ofstream l(list);
+        for (long long i = 0; i < copies; ++i) l << "file '" << segment << "'\n";
+    }
+    std::vector<std::string> a = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y", "-f", "concat",
+                                  "-safe", "0", "-i", list, "-c", "copy", "-fs", std::to_string(size)};
+    a.insert(a.end(), row.muxArgs.begin(), row.muxArgs.end());
     a.push_back(out);
-    return a;
+    bool ok = Run(a).exitCode == 0;
+    fs::remove(list);
+    return ok;
 }
 
 // Overwrites three 64 KiB ranges (at 25%, 50%, 75%) with random bytes: light damage.
@@ -202,121 +102,190 @@ void Damage(const std::string& path) {
     }
 }
 
-bool Prepare(const Row& row, const std::string& cache, long long size, std::string& damaged, std::string& sample) {
+// Video packets of at least 64 bytes as libavformat reads them: a quick check that the
+// repaired file holds the input's frames (tiny chunks, such as AVI index pieces that a
+// rebuilt idx1 lists as video, are not frames).
+long long VideoPackets(const std::string& path) {
+    std::istringstream sizes(Capture({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                      "packet=size", "-of", "csv=p=0", path}));
+    long long count = 0;
+    for (long long size = 0; sizes >> size;) count += size >= 64;
+    return count;
+}
+
+struct Input {
+    std::string damaged, sample, source, folder;
+    long long sourcePackets = 0;
+    double generationSeconds = 0;
+};
+
+// Makes what is missing: sample, segment, large source, damaged copy (in a folder of its
+// own, so repaired files written beside it are easy to find and remove).
+bool Prepare(const Row& row, const std::string& cache, long long size, Input& in) {
+    auto start = std::chrono::steady_clock::now();
     std::string tag = row.name + "_" + std::to_string(size);
-    std::string source = cache + "/" + tag + "_source." + row.extension;
-    sample = cache + "/" + row.name + "_sample." + row.extension;
-    damaged = cache + "/" + tag + "_damaged." + row.extension;
-    if (!fs::exists(sample)) {
-        auto args = GenerateArgs(row, 4, 0, sample + ".part." + row.extension, true);
-        if (Run(args).exitCode != 0) return false;
-        fs::rename(sample + ".part." + row.extension, sample);
+    std::string segment = cache + "/" + row.name + "_segment." + row.extension;
+    in.sample = cache + "/" + row.name + "_sample." + row.extension;
+    in.source = cache + "/" + tag + "_source." + row.extension;
+    in.folder = cache + "/" + tag;
+    in.damaged = in.folder + "/damaged." + row.extension;
+    auto make = [&](const std::string& path, auto&& how) {
+        if (fs::exists(path)) return true;
+        std::string part = path + ".part." + row.extension;
+        if (!how(part)) return false;
+        fs::rename(part, path);
+        return true;
+    };
+    if (!make(in.sample, [&](const std::string& p) { return Encode(row, 4, true, p); })) return false;
+    if (!make(segment, [&](const std::string& p) { return Encode(row, 12, false, p); })) return false;
+    if (!fs::exists(in.source)) std::fprintf(stderr, "  generating %s (%lld MiB), cached\n", in.source.c_str(), size >> 20);
+    if (!make(in.source, [&](const std::string& p) { return Repeat(row, segment, size, p); })) return false;
+    std::string count = in.source + ".packets";
+    if (!fs::exists(count)) std::ofstream(count) << VideoPackets(in.source);
+    std::ifstream(count) >> in.sourcePackets;
+    if (!fs::exists(in.damaged)) {
+        fs::create_directories(in.folder);
+        fs::copy_file(in.source, in.damaged + ".part");
+        Damage(in.damaged + ".part");
+        fs::rename(in.damaged + ".part", in.damaged);
     }
-    if (!fs::exists(source)) {
-        std::fprintf(stderr, "  generating %s (%lld MB), cached for later runs\n", source.c_str(), size >> 20);
-        auto args = GenerateArgs(row, 36000, size, source + ".part." + row.extension, false);
-        if (Run(args).exitCode != 0) return false;
-        fs::rename(source + ".part." + row.extension, source);
-    }
-    if (!fs::exists(damaged)) {
-        fs::copy_file(source, damaged);
-        Damage(damaged);
-    }
+    in.generationSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return true;
+}
+
+// Everything in the input's folder but the damaged file: repaired copies and work files.
+void CleanBeside(const Input& in) {
+    for (const auto& entry : fs::directory_iterator(in.folder))
+        if (entry.path() != fs::path(in.damaged)) fs::remove_all(entry.path());
 }
 
 struct Result {
     std::string name;
-    double mb = 0;
-    double cat = 0, cp = 0, ffmpeg = 0, ours = 0, cancel = -1;
-    long catKiB = 0, cpKiB = 0, ffmpegKiB = 0, oursKiB = 0;
+    bool runsFfmpeg = false;
+    double mb = 0, load = 0;
+    double cat = 0, cp = 0, ffmpeg = 0, ours = 0, oursPass = 0, oursChildCpu = 0, oursLoad = 0, cancel = -1;
+    long catKiB = 0, cpKiB = 0, ffmpegKiB = 0, oursKiB = 0, oursChildKiB = 0;
     bool repaired = false;
+    double keptShare = 0;  // video packets in the repaired file / in the undamaged source
 };
 
-Result Measure(const Row& row, const std::string& self, const std::string& library, const std::string& damaged,
-               const std::string& sample, const std::string& scratch, int runs) {
+// One run of our repair; returns the repaired path (kept for the first run's check).
+std::string RunOurs(const std::string& self, const std::string& library, const Input& in, const std::string& scratch,
+                    Result& r, std::vector<double>& total, std::vector<double>& pass, std::vector<double>& childCpus,
+                    std::vector<double>& loads) {
+    std::string listing = scratch + "/ours.txt";
+    Measurement m = Run({self, "--child", "repair", library, in.damaged, in.sample}, listing);
+    std::ifstream list(listing);
+    std::string text((std::istreambuf_iterator<char>(list)), std::istreambuf_iterator<char>());
+    std::string path = TaggedLine(text, "vr_bench-repaired");
+    double passSeconds = 0, childCpu = 0, loading = 0;
+    long childKiB = 0;
+    std::istringstream(TaggedLine(text, "vr_bench-times")) >> passSeconds >> childKiB >> childCpu >> loading;
+    total.push_back(m.seconds);
+    pass.push_back(passSeconds);
+    childCpus.push_back(childCpu);
+    loads.push_back(loading);
+    r.oursKiB = std::max(r.oursKiB, m.peakKiB);
+    r.oursChildKiB = std::max(r.oursChildKiB, childKiB);
+    r.repaired = m.exitCode == 0 && !path.empty() && fs::exists(path);
+    return r.repaired ? path : std::string();
+}
+
+void MeasureCancel(const std::string& self, const std::string& library, const Input& in, int runs, Result& r) {
+    std::vector<double> latencies;
+    for (int i = 0; i < runs; ++i) {
+        std::istringstream out(TaggedLine(Capture({self, "--child", "cancel", library, in.damaged, in.sample}),
+                                          "vr_bench-cancel"));
+        double latency = -1;
+        int early = 0;
+        out >> latency >> early;
+        if (early) latencies.push_back(latency);
+        CleanBeside(in);
+    }
+    if (!latencies.empty()) r.cancel = Median(latencies);
+}
+
+Result Measure(const Row& row, const std::string& self, const std::string& library, const Input& in,
+               const std::string& scratch, int runs) {
     Result r;
     r.name = row.name;
-    r.mb = double(fs::file_size(damaged)) / 1e6;
-    std::vector<double> cat, cp, ff, ours;
+    r.runsFfmpeg = row.runsFfmpeg;
+    r.load = std::atof(LoadText().c_str());
+    r.mb = double(fs::file_size(in.damaged)) / 1e6;
+    std::vector<double> cat, cp, ff, ours, pass, childCpus, loads;
     for (int i = 0; i < runs; ++i) {
-        Measurement m = Run({"cat", damaged});
+        Measurement m = Run({"cat", in.damaged});
         cat.push_back(m.seconds);
         r.catKiB = std::max(r.catKiB, m.peakKiB);
-        m = Run({"cp", damaged, scratch + "/copy"});
+        m = Run({"cp", in.damaged, scratch + "/copy"});
         cp.push_back(m.seconds);
         r.cpKiB = std::max(r.cpKiB, m.peakKiB);
         fs::remove(scratch + "/copy");
         std::string ffOut = scratch + "/ffcopy." + row.extension;
-        m = Run({"ffmpeg", "-nostdin", "-loglevel", "error", "-y", "-err_detect", "ignore_err", "-i", damaged, "-c",
+        m = Run({"ffmpeg", "-nostdin", "-loglevel", "error", "-y", "-err_detect", "ignore_err", "-i", in.damaged, "-c",
                  "copy", ffOut});
         ff.push_back(m.seconds);
         r.ffmpegKiB = std::max(r.ffmpegKiB, m.peakKiB);
         fs::remove(ffOut);
-        std::string outList = scratch + "/ours.txt";
-        m = Run({self, "--child", "repair", library, damaged, sample}, outList);
-        ours.push_back(m.seconds);
-        r.oursKiB = std::max(r.oursKiB, m.peakKiB);
-        r.repaired = m.exitCode == 0;
-        std::ifstream list(outList);
-        for (std::string line; std::getline(list, line);)
-            if (!line.empty()) fs::remove(line);
+        std::string repaired = RunOurs(self, library, in, scratch, r, ours, pass, childCpus, loads);
+        if (i == 0 && !repaired.empty() && in.sourcePackets > 0)
+            r.keptShare = double(VideoPackets(repaired)) / double(in.sourcePackets);
+        CleanBeside(in);
     }
-    r.cat = Median(cat), r.cp = Median(cp), r.ffmpeg = Median(ff), r.ours = Median(ours);
-    std::vector<double> latencies;
-    for (int i = 0; i < runs; ++i) {
-        std::istringstream in(Capture({self, "--child", "cancel", library, damaged, sample}));
-        double latency = -1;
-        int early = 0;
-        in >> latency >> early;
-        if (early) latencies.push_back(latency);
-    }
-    if (!latencies.empty()) r.cancel = Median(latencies);
-    fs::remove_all(fs::path(damaged).parent_path() / "work");
+    r.cat = Median(cat), r.cp = Median(cp), r.ffmpeg = Median(ff), r.ours = Median(ours), r.oursPass = Median(pass);
+    r.oursChildCpu = Median(childCpus);
+    r.oursLoad = Median(loads);
+    MeasureCancel(self, library, in, runs, r);
     return r;
 }
 
-std::string MachineText() {
-    utsname u{};
-    uname(&u);
-    long kb = 0;
-    std::ifstream mem("/proc/meminfo");
-    std::string key;
-    mem >> key >> kb;
-    std::string ffmpeg = Capture({"ffmpeg", "-version"});
-    ffmpeg = ffmpeg.substr(0, std::min(ffmpeg.find('\n'), ffmpeg.find(" Copyright")));
-    std::ostringstream s;
-    s << "cores " << std::thread::hardware_concurrency() << ", memory " << kb / 1024 / 1024 << " GiB, kernel "
-      << u.release << ", " << ffmpeg;
-    return s.str();
+// ---- report ------------------------------------------------------------------
+
+std::string Mark(bool met) { return met ? "met" : "**missed**"; }
+
+std::string TargetText(const Result& r) {
+    std::string speed = r.runsFfmpeg
+                            ? "ours/ffmpeg " + Fixed(r.ours / r.ffmpeg, 2) + " ≤ 1.3 " + Mark(r.ours <= 1.3 * r.ffmpeg)
+                            : "ours/cp " + Fixed(r.ours / r.cp, 2) + " ≤ 1.5 " + Mark(r.ours <= 1.5 * r.cp) +
+                                  "; ffmpeg/ours " + Fixed(r.ffmpeg / r.ours, 1) + " ≥ 10 " +
+                                  Mark(r.ffmpeg >= 10 * r.ours);
+    std::string memory = "RSS " + std::to_string(r.oursKiB / 1024) + " MiB " + Mark(r.oursKiB <= 64 * 1024);
+    std::string cancel = r.cancel < 0 ? "cancel n/a" : "cancel " + Fixed(r.cancel, 2) + " s " + Mark(r.cancel <= 0.6);
+    return speed + "; " + memory + "; " + cancel;
 }
 
-std::string Fixed(double v, int digits) {
-    char b[64];
-    std::snprintf(b, sizeof b, "%.*f", digits, v);
-    return b;
-}
-
-void Report(const std::vector<Result>& results, const std::string& outDir, long long size, int runs) {
+void Report(const std::vector<Result>& results, const std::string& outDir, long long size, int runs,
+            const std::string& loadBefore, double generation) {
     fs::create_directories(outDir);
     std::ostringstream md, csv;
-    md << "# Engine speed and memory\n\n" << MachineText() << "; input " << (size >> 20) << " MiB per engine, median of "
-       << runs << " runs.\n\n";
-    md << "| engine | MB | cat MB/s | cp MB/s | ffmpeg copy MB/s | ours MB/s | ours/cp time | ours/ffmpeg time | "
-          "peak RSS cat/cp/ffmpeg/ours (MiB) | cancel latency s | repaired |\n";
-    md << "|---|---|---|---|---|---|---|---|---|---|---|\n";
-    csv << "engine,mb,cat_s,cp_s,ffmpeg_s,ours_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,cancel_s,repaired\n";
+    md << "# Engine speed and memory\n\n"
+       << MachineText() << ".\nInput " << (size >> 20) << " MiB per engine, lightly damaged (three 64 KiB ranges of "
+       << "random bytes); median of " << runs << " runs. Load average " << loadBefore << " before, " << LoadText()
+       << " after; inputs generated in " << Fixed(generation, 0) << " s this run (0 when cached).\n\n";
+    md << "| engine | MB | load | cat MB/s | cp MB/s | ffmpeg copy MB/s | ours MB/s | ours: library load + engine pass + output s "
+          "| ours/cp time | ours/ffmpeg time | peak RSS MiB cat/cp/ffmpeg/ours (+ffmpeg it ran) | cancel s | "
+          "video packets kept |\n";
+    md << "|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
+    csv << "engine,mb,load,cat_s,cp_s,ffmpeg_s,ours_s,ours_load_s,ours_pass_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,ours_ffmpeg_kib,ours_ffmpeg_cpu_s,"
+           "cancel_s,repaired,video_packets_kept\n";
     for (const Result& r : results) {
-        md << "| " << r.name << " | " << Fixed(r.mb, 0) << " | " << Fixed(r.mb / r.cat, 0) << " | "
-           << Fixed(r.mb / r.cp, 0) << " | " << Fixed(r.mb / r.ffmpeg, 0) << " | " << Fixed(r.mb / r.ours, 0) << " | "
+        md << "| " << r.name << " | " << Fixed(r.mb, 0) << " | " << Fixed(r.load, 1) << " | " << Fixed(r.mb / r.cat, 0)
+           << " | " << Fixed(r.mb / r.cp, 0) << " | " << Fixed(r.mb / r.ffmpeg, 0) << " | " << Fixed(r.mb / r.ours, 0)
+           << " | " << Fixed(r.oursLoad, 2) << " + " << Fixed(r.oursPass, 2) << " + "
+           << Fixed(r.ours - r.oursPass - r.oursLoad, 2)
+           << (r.runsFfmpeg ? " (ffmpeg CPU " + Fixed(r.oursChildCpu, 1) + ")" : std::string()) << " | "
            << Fixed(r.ours / r.cp, 2) << " | " << Fixed(r.ours / r.ffmpeg, 2) << " | " << r.catKiB / 1024 << "/"
-           << r.cpKiB / 1024 << "/" << r.ffmpegKiB / 1024 << "/" << r.oursKiB / 1024 << " | "
-           << (r.cancel < 0 ? std::string("n/a") : Fixed(r.cancel, 3)) << " | " << (r.repaired ? "yes" : "no")
-           << " |\n";
-        csv << r.name << "," << Fixed(r.mb, 1) << "," << Fixed(r.cat, 4) << "," << Fixed(r.cp, 4) << ","
-            << Fixed(r.ffmpeg, 4) << "," << Fixed(r.ours, 4) << "," << r.catKiB << "," << r.cpKiB << ","
-            << r.ffmpegKiB << "," << r.oursKiB << "," << Fixed(r.cancel, 4) << "," << int(r.repaired) << "\n";
+           << r.cpKiB / 1024 << "/" << r.ffmpegKiB / 1024 << "/" << r.oursKiB / 1024
+           << (r.runsFfmpeg ? " (+" + std::to_string(r.oursChildKiB / 1024) + ")" : std::string()) << " | "
+           << (r.cancel < 0 ? std::string("n/a") : Fixed(r.cancel, 3)) << " | "
+           << (r.repaired ? Fixed(100 * r.keptShare, 1) + "%" : std::string("not repaired")) << " |\n";
+        csv << r.name << "," << Fixed(r.mb, 1) << "," << Fixed(r.load, 2) << "," << Fixed(r.cat, 4) << ","
+            << Fixed(r.cp, 4) << "," << Fixed(r.ffmpeg, 4) << "," << Fixed(r.ours, 4) << "," << Fixed(r.oursLoad, 4) << "," << Fixed(r.oursPass, 4)
+            << "," << r.catKiB << "," << r.cpKiB << "," << r.ffmpegKiB << "," << r.oursKiB << "," << r.oursChildKiB
+            << "," << Fixed(r.oursChildCpu, 3) << "," << Fixed(r.cancel, 4) << "," << int(r.repaired) << "," << Fixed(r.keptShare, 4) << "\n";
     }
+    md << "\n## Targets\n\n| engine | targets |\n|---|---|\n";
+    for (const Result& r : results) md << "| " << r.name << " | " << TargetText(r) << " |\n";
     std::ofstream(outDir + "/speed.md") << md.str();
     std::ofstream(outDir + "/speed.csv") << csv.str();
     std::printf("%s", md.str().c_str());
@@ -336,18 +305,23 @@ int main(int argc, char** argv) {
     std::string library = (fs::path(self).parent_path() / "lib_videorepair.so").string();
     std::string scratch = cache + "/scratch";
     fs::create_directories(scratch);
+    std::string loadBefore = LoadText();
 
     std::vector<Result> results;
+    double generation = 0;
     for (const Row& row : Rows()) {
         if (!only.empty() && row.name != only) continue;
         std::fprintf(stderr, "%s:\n", row.name.c_str());
-        std::string damaged, sample;
-        if (!Prepare(row, cache, size, damaged, sample)) {
+        Input in;
+        if (!Prepare(row, cache, size, in)) {
             std::fprintf(stderr, "  could not generate input, skipped\n");
             continue;
         }
-        results.push_back(Measure(row, self, library, damaged, sample, scratch, runs));
+        generation += in.generationSeconds;
+        results.push_back(Measure(row, self, library, in, scratch, runs));
+        std::fprintf(stderr, "  ours %.2f s, cp %.2f s, ffmpeg %.2f s\n", results.back().ours, results.back().cp,
+                     results.back().ffmpeg);
     }
-    Report(results, outDir, size, runs);
+    Report(results, outDir, size, runs, loadBefore, generation);
     return 0;
 }

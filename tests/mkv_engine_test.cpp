@@ -2,9 +2,6 @@
 // acceptance, cutting and resynchronising, and the writer's output read back.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "MkvAdvanceRepair.h"
@@ -323,26 +320,4 @@ TEST_F(MkvBytesTest, EngineReportsGrowingProgressAndWritesBesideTheInput) {
     engine.Release();
     EXPECT_TRUE(engine.GetRepairedVideo(result, ts::Wide(path_), L"", 0).empty()) << "nothing after Release";
     EXPECT_EQ(engine.GetFormatName(), L"mkv");
-}
-
-// Scan speed on a real file: MKV_BENCH_FILE=<file.mkv> videorepair_tests
-// --gtest_also_run_disabled_tests --gtest_filter='*MkvScanSpeed*'. The file is overwritten
-// nowhere; its repaired copy goes beside it and is removed.
-TEST(MkvBenchmark, DISABLED_MkvScanSpeed) {
-    const char* path = std::getenv("MKV_BENCH_FILE");
-    if (path == nullptr) GTEST_SKIP() << "set MKV_BENCH_FILE";
-    MkvAdvanceRepair engine;
-    engine.SetVideoPath(ts::Wide(path), L"");
-    auto t0 = std::chrono::steady_clock::now();
-    ASSERT_EQ(engine.Repair(), 0);
-    auto t1 = std::chrono::steady_clock::now();
-    std::wstring result;
-    std::wstring out = engine.GetRepairedVideo(result, ts::Wide(path), L"", 0);
-    auto t2 = std::chrono::steady_clock::now();
-    ASSERT_FALSE(out.empty());
-    double mb = double(ts::FileSize(path)) / 1e6;
-    double scan = std::chrono::duration<double>(t1 - t0).count();
-    double write = std::chrono::duration<double>(t2 - t1).count();
-    std::printf("size %.1f MB: Repair (scan) %.3f s = %.0f MB/s, write %.3f s\n", mb, scan, mb / scan, write);
-    std::remove(ts::Narrow(out).c_str());
 }

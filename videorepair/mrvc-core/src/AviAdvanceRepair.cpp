@@ -100,6 +100,37 @@ uint64_t Load64(const uint8_t* p) {
 
 constexpr uint64_t Repeat(char c) { return 0x0101010101010101ull * uint8_t(c); }
 
+// The first position from `from` on (below length - 3) whose byte starts a word still
+// looked for, or length - 3 (a word that cannot teach anything may be passed over).
+// One word left (only "idx1", the usual case for most of the file) is found with
+// memchr; several first bytes by testing eight bytes at a time.
+size_t NextCandidate(const uint8_t* block, size_t from, size_t length, const uint64_t* patterns, int count) {
+    const size_t words = length - 3;
+    if (from >= words) return words;
+    if (count == 1) {
+        // One word is left ("idx1", or "movi" after a tentative start): its first byte
+        // by memchr, the other three checked here, since no other word can teach anything.
+        const uint8_t first = uint8_t(patterns[0]);
+        const uint32_t wanted = first == 'i' ? kIdx1 : kMovi;
+        for (size_t j = from; j < words; ++j) {
+            const void* hit = std::memchr(block + j, first, words - j);
+            if (hit == nullptr) return words;
+            j = size_t(static_cast<const uint8_t*>(hit) - block);
+            if (Le32(block + j) == wanted) return j;
+        }
+        return words;
+    }
+    for (size_t j = from; j < words; ++j) {
+        if (j % 8 == 0 && j + 8 <= length && !GroupHasByte(Load64(block + j), patterns, count)) {
+            j += 7;
+            continue;
+        }
+        for (int k = 0; k < count; ++k)
+            if (block[j] == uint8_t(patterns[k])) return j;
+    }
+    return words;
+}
+
 // Steps 1, 2, ... from byte 4: the first chunk id or "JUNK" at byte 4 + step.
 int ResyncSteps(const uint8_t* block, bool& found) {
     for (int step = 1; step <= kResyncSteps; ++step) {
@@ -261,14 +292,15 @@ void AviAdvanceRepair::ParseStreamList(const uint8_t* list, size_t available) {
 }
 
 // Blocks of 1024 bytes overlapping by 3, so a word across a border is seen.
+// Each block is looked at in the reader's cache rather than copied out.
 void AviAdvanceRepair::ScanDamaged() {
-    uint8_t block[kBlockBytes];
     int64_t position = 0;
     for (;;) {
-        const int64_t got = damaged_.ReadBlock(position, block, kBlockBytes);
-        if (got < 4) break;
-        ScanBlock(block, size_t(got), position);
-        position += got - 3;
+        size_t got = 0;
+        const uint8_t* block = damaged_.View(position, kBlockBytes, got);
+        if (block == nullptr || got < 4) break;
+        ScanBlock(block, got, position);
+        position += int64_t(got) - 3;
         if (damagedSize_ > 0) ReportProgress(int(40 + 0.35 * (100.0 * double(position) / double(damagedSize_))));
         if (PauseThenShouldStop()) break;
     }
@@ -285,13 +317,11 @@ void AviAdvanceRepair::ScanBlock(const uint8_t* block, size_t length, int64_t po
     const size_t words = length - 3;
     uint64_t patterns[4];
     int count = StartBytePatterns(patterns);
-    for (size_t i = 0; i < words; i += 8) {
-        if (i + 8 <= length && !GroupHasByte(Load64(block + i), patterns, count)) continue;
-        for (size_t j = i; j < std::min(i + 8, words); ++j) {
-            if (!TestWord(Le32(block + j), position + int64_t(j))) continue;
-            if (moviKnown_ && idx1Known_) return;
-            count = StartBytePatterns(patterns);
-        }
+    for (size_t j = NextCandidate(block, 0, length, patterns, count); j < words;
+         j = NextCandidate(block, j + 1, length, patterns, count)) {
+        if (!TestWord(Le32(block + j), position + int64_t(j))) continue;
+        if (moviKnown_ && idx1Known_) return;
+        count = StartBytePatterns(patterns);
     }
 }
 

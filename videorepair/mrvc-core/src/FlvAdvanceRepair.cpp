@@ -12,8 +12,9 @@ constexpr size_t kBlockBytes = 1024;
 constexpr size_t kTagHeaderBytes = 11;
 constexpr size_t kFileHeadBytes = 13;  // 9-byte FLV header + the first previous-tag-size word
 constexpr size_t kCopyPieceBytes = 1048576;
-// A tag's size word lies at most 16 MiB (24-bit data size) + 15 bytes past its header.
-constexpr size_t kLookAheadBytes = (16u << 20) + (64u << 10);
+// Size words of tags up to 4 MiB are read from the resident window; those of bigger
+// tags (a 24-bit data size allows 16 MiB) are read from the file one by one.
+constexpr size_t kLookAheadBytes = (4u << 20) + (64u << 10);
 
 bool IsTagType(uint8_t type) { return type == 8 || type == 9 || type == 18; }
 
@@ -25,10 +26,12 @@ uint32_t Be32(const uint8_t* p) { return Be24(p) << 8 | uint32_t(p[3]); }
 FlvAdvanceRepair::FlvAdvanceRepair()
     : AdvanceRepairBase("FlvAdvanceRepair", "videorepair/mrvc-core/src/FlvAdvanceRepair"),
       damaged_(kLookAheadBytes),
+      farWords_(4096),
       sampleFile_(64u << 10) {}
 
 FlvAdvanceRepair::~FlvAdvanceRepair() {
     damaged_.Close();
+    farWords_.Close();
     sampleFile_.Close();
 }
 
@@ -36,7 +39,7 @@ int FlvAdvanceRepair::Repair() {
     if (damagedPath_.empty() || samplePath_.empty()) return -1;
     LogEntry("Repair");
     runs_.clear();
-    if (!damaged_.Open(damagedPath_)) {
+    if (!damaged_.Open(damagedPath_) || !farWords_.Open(damagedPath_)) {
         ENGINE_LOG(kLogError, "[FLV] Open damaged file failed:", platform::ToNarrow(damagedPath_));
         return -1;
     }
@@ -112,10 +115,8 @@ bool FlvAdvanceRepair::SizeWordMatches(ScanReader::Window& window, int64_t tagOf
         word = Be32(window.data + (at - window.start));
     } else if (window.End() >= damagedSize_) {
         return false;
-    } else {
-        const bool read = damaged_.ReadU32BE(at, word);
-        window = damaged_.WindowAt(window.start);
-        if (!read) return false;
+    } else if (!farWords_.ReadU32BE(at, word)) {
+        return false;
     }
     return word == dataSize + kTagHeaderBytes;
 }
@@ -183,6 +184,7 @@ bool FlvAdvanceRepair::CopyRuns(FileWriter& out) {
 void FlvAdvanceRepair::Release() {
     Stop();
     damaged_.Close();
+    farWords_.Close();
     sampleFile_.Close();
     std::vector<FlvRun>().swap(runs_);
 }

@@ -42,6 +42,7 @@ private:
     bool CopyRuns(FileWriter& out);
 
     ScanReader damaged_;
+    ScanReader farWords_;  // size words beyond the scan window, read without moving it
     ScanReader sampleFile_;
     int64_t damagedSize_ = 0;
     std::vector<FlvRun> runs_;

@@ -130,25 +130,33 @@ int64_t MtsAdvanceRepair::FindSyncRun(const uint8_t* block, size_t count, int64_
 // Follows a run from its first sync byte in blocks of 5140 packets and ends it at
 // the first packet whose sync byte is wrong. Each block is tested over all its
 // slots even when the read came up short: the slots past the data still hold the
-// previous block's bytes (zeros in the first block).
+// previous block's bytes (zeros in the first block). The previous block passed
+// over all its slots, so those hold sync bytes. Blocks are looked at in the
+// reader's cache instead of being copied out.
 int64_t MtsAdvanceRepair::CollectRun(int64_t syncPosition) {
     if (syncPosition < layout_.syncOffset) return -1;
     ByteRange range;
     range.begin = syncPosition - layout_.syncOffset;
     const size_t stride = size_t(layout_.packetSize);
-    std::vector<uint8_t> buffer(size_t(kRunBlockPackets) * stride, 0);
+    const size_t blockBytes = size_t(kRunBlockPackets) * stride;
+    bool first = true;
     int64_t position = syncPosition;
     for (;;) {
-        int64_t got = damaged_.ReadAt(position, buffer.data(), buffer.size());
-        if (got <= 0) break;
-        for (size_t slot = 0; slot < buffer.size(); slot += stride) {
-            if (buffer[slot] != kSyncByte) {
-                range.end = position + int64_t(slot);
-                validRanges_.push_back(range);
-                return range.end;
-            }
+        size_t got = 0;
+        const uint8_t* block = damaged_.View(position, blockBytes, got);
+        if (block == nullptr || got == 0) break;
+        size_t slot = 0;
+        for (; slot < got; slot += stride)
+            if (block[slot] != kSyncByte) break;
+        // Past the data: zeros end the run at the first such slot, left-over sync bytes pass.
+        if (slot >= got && !first) slot = blockBytes;
+        if (slot < blockBytes) {
+            range.end = position + int64_t(slot);
+            validRanges_.push_back(range);
+            return range.end;
         }
-        position += got;
+        first = false;
+        position += int64_t(got);
         if (PauseThenShouldStop()) break;
     }
     range.end = position;

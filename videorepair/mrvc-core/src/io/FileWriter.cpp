@@ -30,9 +30,23 @@ bool FileWriter::Flush() {
     return ok_;
 }
 
+// Writes straight from the caller's memory, in pieces of at most 1 MiB: bulk copies
+// (at least kDirectBytes) skip the buffer.
+bool FileWriter::WriteDirect(const uint8_t* p, size_t n) {
+    while (ok_ && n > 0) {
+        uint32_t piece = uint32_t(std::min(n, kPieceBytes));
+        if (platform::Write(fd_, p, piece) != int64_t(piece)) ok_ = false;
+        p += piece;
+        n -= piece;
+        written_ += int64_t(piece);
+    }
+    return ok_;
+}
+
 bool FileWriter::Write(const void* data, size_t n) {
     if (fd_ < 0 || !ok_) return false;
     const auto* p = static_cast<const uint8_t*>(data);
+    if (n >= kDirectBytes) return Flush() && WriteDirect(p, n);
     while (n > 0) {
         size_t room = kPieceBytes - buffer_.size();
         size_t take = std::min(room, n);

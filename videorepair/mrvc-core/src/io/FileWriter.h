@@ -9,6 +9,7 @@
 class FileWriter {
 public:
     static constexpr size_t kPieceBytes = 1048576;
+    static constexpr size_t kDirectBytes = 65536;  // writes this long bypass the buffer
 
     FileWriter() = default;
     ~FileWriter();
@@ -26,6 +27,7 @@ public:
 
 private:
     bool Flush();
+    bool WriteDirect(const uint8_t* p, size_t n);
 
     int fd_ = -1;
     std::vector<uint8_t> buffer_;

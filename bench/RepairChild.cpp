@@ -1,0 +1,108 @@
+#include "RepairChild.h"
+
+#include <dlfcn.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "IVideoRepairManager.h"
+#include "IVideoRepairObserver.h"
+#include "VideoRepairExport.h"
+
+namespace bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::wstring Wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
+
+double Seconds(const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; }
+
+// Remembers the latest repair progress and when the engine's pass ended (OnFinished
+// comes after the engine's Repair and before the repaired file is written).
+struct TimingObserver : IVideoRepairObserver {
+    std::atomic<int> progress{0};
+    Clock::time_point finished{};
+    void OnProgress(int32_t kind, int32_t value, int32_t, void*) override {
+        if (kind == 0) progress = value;
+    }
+    void OnStarted() override {}
+    void OnStopped() override {}
+    void OnPaused() override {}
+    void OnResumed() override {}
+    void OnFinished() override { finished = Clock::now(); }
+};
+
+IVideoRepairManager* OpenManager(const std::string& library, TimingObserver& observer, const std::string& work) {
+    void* lib = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (lib == nullptr) return nullptr;
+    auto init = reinterpret_cast<InitKzVideoRepairLibFn>(dlsym(lib, "InitKzVideoRepairLib"));
+    IVideoRepairManager* manager = nullptr;
+    if (init == nullptr || init(&manager) != 0) return nullptr;
+    manager->Initialize(&observer, Wide(work).c_str(), Wide(work).c_str());
+    return manager;
+}
+
+int RepairOnce(IVideoRepairManager* manager, TimingObserver& observer, const std::string& damaged,
+               const std::string& sample, Clock::time_point launched) {
+    auto start = Clock::now();
+    int rc = manager->Repair(Wide(damaged).c_str(), Wide(sample).c_str());
+    wchar_t out[4096];
+    bool repaired = rc == 0 && manager->GetRepairedFilePath(out, Wide(damaged).c_str()) == 0;
+    std::wstring path = repaired ? std::wstring(out) : std::wstring();
+    rusage children{};
+    getrusage(RUSAGE_CHILDREN, &children);
+    double pass = std::chrono::duration<double>(observer.finished - start).count();
+    // Tagged lines: the library may print on the console too ("read buf failed").
+    double loading = std::chrono::duration<double>(start - launched).count();
+    std::printf("\nvr_bench-repaired %s\nvr_bench-times %.4f %ld %.4f %.4f\n", std::string(path.begin(), path.end()).c_str(),
+                pass, children.ru_maxrss, Seconds(children.ru_utime) + Seconds(children.ru_stime), loading);
+    return repaired && !path.empty() ? 0 : 1;
+}
+
+// Cancels once the engine reports progress (its scan is under way) and a little more.
+void CancelDuringScan(IVideoRepairManager* manager, TimingObserver& observer, const std::string& damaged,
+                      const std::string& sample) {
+    std::atomic<bool> done{false};
+    Clock::time_point returned;
+    std::thread repair([&] {
+        manager->Repair(Wide(damaged).c_str(), Wide(sample).c_str());
+        returned = Clock::now();
+        done = true;
+    });
+    auto begin = Clock::now();
+    while (!done && observer.progress < 1 && Clock::now() - begin < std::chrono::seconds(60))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    auto cancelled = Clock::now();
+    bool early = !done;
+    manager->Cancel(0);
+    repair.join();
+    std::printf("\nvr_bench-cancel %.4f %d\n", early ? std::chrono::duration<double>(returned - cancelled).count() : -1.0, int(early));
+}
+
+}  // namespace
+
+int ChildMain(int argc, char** argv) {
+    const Clock::time_point launched = Clock::now();
+    if (argc < 6) return 2;
+    std::string mode = argv[2], library = argv[3], damaged = argv[4], sample = argv[5];
+    std::string work = std::filesystem::path(damaged).parent_path().string() + "/work";
+    TimingObserver observer;
+    IVideoRepairManager* manager = OpenManager(library, observer, work);
+    if (manager == nullptr) return 2;
+    int rc = 0;
+    if (mode == "repair")
+        rc = RepairOnce(manager, observer, damaged, sample, launched);
+    else
+        CancelDuringScan(manager, observer, damaged, sample);
+    manager->Release();
+    return rc;
+}
+
+}  // namespace bench
