@@ -3,6 +3,7 @@
 // repairing different files at once with one shared work directory.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -80,8 +81,13 @@ TEST_P(Hammered, PauseResumeCancelFromTwoThreadsDuringARepair) {
         EXPECT_TRUE(testing_support::FileExists(testing_support::Narrow(out)));
     }
     EXPECT_TRUE(input.Unchanged());
+    // Control calls may still land between the end of the repair and `done`; the
+    // repair itself must have ended last with "finish".
     const std::vector<std::string> events = observer.Events();
-    EXPECT_EQ(events.back(), "finish");
+    auto lastJobEvent = std::find_if(events.rbegin(), events.rend(),
+                                     [](const std::string& e) { return e == "start" || e == "finish"; });
+    ASSERT_NE(lastJobEvent, events.rend());
+    EXPECT_EQ(*lastJobEvent, "finish");
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, Hammered, ::testing::ValuesIn(AllEngineClips()),
