@@ -176,6 +176,7 @@ void PutField(std::string& bytes, size_t at, size_t n, bool bigEndian, uint64_t 
 }
 
 void SetField(std::string& bytes, size_t at, size_t n, bool bigEndian, Lie lie) {
+    if (n == 0) return;  // a BER length of no bytes has nothing to lie with
     PutField(bytes, at, n, bigEndian, LieValue(lie, int(8 * n)));
 }
 
