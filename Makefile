@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test demo bench clean test-windows
 
 # Input size per engine for the benchmark (bytes); inputs are cached in ~/.cache/videorepair-bench.
 BENCH_SIZE ?= 1073741824
@@ -30,4 +30,11 @@ bench: build
 	@$(BUILD_DIR)/bin/vr_bench --size $(BENCH_SIZE) --runs $(BENCH_RUNS) --out bench/results
 
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) $(WINDOWS_BUILD_DIR)
+
+# Windows flavour: mingw-w64 cross build of lib_videorepair.dll, videorepair.exe
+# and the tests, run under wine. Dependencies are cached in ~/.cache/videorepair-windows.
+WINDOWS_BUILD_DIR ?= build-windows
+
+test-windows:
+	@bash scripts/windows/test.sh $(WINDOWS_BUILD_DIR)

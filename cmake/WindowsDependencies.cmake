@@ -6,7 +6,21 @@ if(NOT VIDEOREPAIR_WINDOWS_PREFIX)
 endif()
 set(prefix ${VIDEOREPAIR_WINDOWS_PREFIX})
 
-find_package(Poco REQUIRED COMPONENTS Foundation JSON PATHS ${prefix}/lib/cmake/Poco)
+# Debian's Poco sources install no CMake package files, so the two static
+# libraries are described here with the definitions their build made public.
+foreach(component Foundation JSON)
+  if(NOT EXISTS ${prefix}/lib/libPoco${component}.a)
+    message(FATAL_ERROR "Poco ${component} for Windows is missing: run scripts/windows/build-deps.sh")
+  endif()
+  add_library(Poco::${component} STATIC IMPORTED)
+  set_target_properties(Poco::${component} PROPERTIES
+    IMPORTED_LOCATION ${prefix}/lib/libPoco${component}.a
+    INTERFACE_INCLUDE_DIRECTORIES ${prefix}/include)
+endforeach()
+set_target_properties(Poco::Foundation PROPERTIES
+  INTERFACE_COMPILE_DEFINITIONS "POCO_STATIC;POCO_OS_FAMILY_WINDOWS;POCO_WIN32_UTF8;UNICODE;_UNICODE;WC_NO_BEST_FIT_CHARS=0x400"
+  INTERFACE_LINK_LIBRARIES "iphlpapi;ws2_32")
+set_target_properties(Poco::JSON PROPERTIES INTERFACE_LINK_LIBRARIES Poco::Foundation)
 find_package(Threads REQUIRED)
 
 # FFmpeg's static libraries need their private dependencies (pkg-config --static).

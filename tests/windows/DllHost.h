@@ -14,7 +14,7 @@ namespace windows_test {
 
 class DllHost {
 public:
-    DllHost() : module_(LoadLibraryW(platform::ToWide(VR_TEST_LIBRARY_PATH).c_str())) {}
+    DllHost() : module_(LoadLibraryW(BackslashPath(VR_TEST_LIBRARY_PATH).c_str())) {}
     ~DllHost() {
         if (module_ != nullptr) FreeLibrary(module_);
     }
@@ -37,6 +37,13 @@ public:
     }
 
 private:
+    // LoadLibraryW wants backslashes in a full path.
+    static std::wstring BackslashPath(const std::string& path) {
+        std::wstring wide = platform::ToWide(path);
+        for (wchar_t& c : wide) c = c == L'/' ? L'\\' : c;
+        return wide;
+    }
+
     HMODULE module_;
 };
 
