@@ -45,7 +45,7 @@ cmake --build "$build" -j "$jobs"
 # Exactly the six entry points leave the DLL.
 dll="$build/bin/lib_videorepair.dll"
 exports="$(x86_64-w64-mingw32-objdump -p "$dll" |
-  sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' | grep -E '^\s*\[' | awk '{print $NF}' | sort)"
+  sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' | grep -E '^\s*\[ *[0-9]+\]' | awk '{print $NF}' | sort)"
 expected="$(printf '%s\n' CheckRemoteRepairable CreateMetaDataParser CreateRemoteRepairManager \
   DeleteRemoteRepairManager InitKzVideoRepairLib SetRemoteRepairLogPath)"
 if [ "$exports" != "$expected" ]; then
@@ -64,6 +64,9 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   "$wine" wineboot --init >/dev/null 2>&1 || true
 fi
 wineserver -p  # one server for all test processes, instead of one per test
+# Start wine's own services now, with no output attached: started by the first
+# test they would hold its output pipe open, and ctest would wait for it.
+"$wine" cmd /c exit </dev/null >/dev/null 2>&1 || true
 stop="$build/testmedia.stop"
 rm -f "$stop"
 bash "$here/media-broker.sh" "$build/testmedia" "$stop" &

@@ -69,18 +69,18 @@ std::string BinDir() { return VR_TEST_BIN_DIR; }
 std::string GeneratedMedia(const std::string& name, const std::vector<std::string>& ffmpegArgs) {
     fs::create_directories(VR_TEST_MEDIA_DIR);
     std::string target = std::string(VR_TEST_MEDIA_DIR) + "/" + name;
-    if (fs::exists(target)) return target;
+    if (fs::exists(fs::u8path(target))) return target;
     // Made under a private name and renamed, so a reader never sees half a file.
     std::string ext = fs::path(name).extension().string();
     std::string partial = target + ".part" + std::to_string(ProcessId()) + ext;
-    std::vector<std::string> argv = {BinDir() + "/ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y"};
-    argv.insert(argv.end(), ffmpegArgs.begin(), ffmpegArgs.end());
-    argv.push_back(partial);
-    if (RunProgram(argv) != 0) {
-        fs::remove(partial);
+    if (!MakeMedia(partial, ffmpegArgs)) {
+        std::error_code ignored;
+        fs::remove(fs::u8path(partial), ignored);
         return std::string();
     }
-    fs::rename(partial, target);
+    std::error_code ec;
+    fs::rename(fs::u8path(partial), fs::u8path(target), ec);
+    if (ec) fs::remove(fs::u8path(partial), ec);  // another process made it first
     return target;
 }
 

@@ -69,7 +69,7 @@ TEST_P(EngineRepairOnWindows, RepairsThroughTheDll) {
     std::wstring repaired = windows_test::RepairedPath(manager, Wide(damaged));
     manager->Release();
 
-    ASSERT_FALSE(repaired.empty());
+    ASSERT_FALSE(repaired.empty()) << ReadFile(dir.file("KzVideoRepair.log"));
     EXPECT_GE(CountDecodedVideoFrames(Narrow(repaired)), c.minimumFrames) << Narrow(repaired);
     EXPECT_EQ(ReadFile(damaged), before);
 }

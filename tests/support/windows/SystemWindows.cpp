@@ -103,7 +103,10 @@ bool MakeMedia(const std::string& target, const std::vector<std::string>& ffmpeg
     }
     std::error_code ec;
     fs::rename(draft, request, ec);  // whole requests only
-    if (ec) return false;
+    if (ec) {
+        std::fprintf(stderr, "cannot leave a media request for %s: %s\n", target.c_str(), ec.message().c_str());
+        return false;
+    }
     // The broker answers in well under a second per file; five minutes means it is not running.
     for (int i = 0; i < 3000; ++i) {
         if (fs::exists(wanted)) return true;
