@@ -103,8 +103,10 @@ build_poco() {
 }
 
 # --- FFmpeg -------------------------------------------------------------------
-# No encoders (remuxing and stream copy need none); every demuxer, muxer, parser
-# and bitstream filter; the decoders of the codecs that cameras and the tests
+# Video is only ever copied, so no video encoders; the audio encoders that
+# ffmpeg picks by default for the containers the engines merge into (AVI: AC-3,
+# MPEG: MP2, MXF and WAV: PCM, others AAC), since the WMV and MXF merges let
+# ffmpeg choose. Every demuxer, muxer, parser and bitstream filter; the decoders of the codecs that cameras and the tests
 # write, because some streams (MPEG-PS, FLV1) are only read correctly with their
 # decoder present, and ffprobe counts decoded frames.
 decoders=(h264 hevc mpeg4 mpeg1video mpeg2video mjpeg flv h263 msmpeg4v1 msmpeg4v2 msmpeg4v3
@@ -112,9 +114,11 @@ decoders=(h264 hevc mpeg4 mpeg1video mpeg2video mjpeg flv h263 msmpeg4v1 msmpeg4
           aac ac3 eac3 mp1 mp2 mp3 opus vorbis flac wmav1 wmav2 wmapro alac amrnb amrwb
           pcm_s16le pcm_s16be pcm_s24le pcm_s24be pcm_s32le pcm_u8 pcm_alaw pcm_mulaw pcm_dvd pcm_bluray
           adpcm_ima_wav adpcm_ms)
+encoders=(ac3 ac3_fixed mp2 mp2fixed aac pcm_s16le pcm_s16be pcm_s24le pcm_u8)
+ffmpeg_recipe=2
 build_ffmpeg() {
   local stamp="$cache/ffmpeg.done"
-  if [ "$(cat "$stamp" 2>/dev/null)" = "$recipe" ]; then return; fi
+  if [ "$(cat "$stamp" 2>/dev/null)" = "$recipe.$ffmpeg_recipe" ]; then return; fi
   local src
   src="$(fetch_source ffmpeg)"
   log "building FFmpeg from $(basename "$src")"
@@ -127,11 +131,12 @@ build_ffmpeg() {
       --disable-network --disable-avdevice --disable-postproc --disable-encoders \
       --disable-devices --disable-hwaccels --disable-ffplay --disable-filters \
       --disable-decoders --enable-decoder="$(IFS=,; echo "${decoders[*]}")" \
+      --enable-encoder="$(IFS=,; echo "${encoders[*]}")" \
       --enable-ffmpeg --enable-ffprobe --extra-ldflags=-static --optflags="$optflags" >"$cache/ffmpeg-configure.log" &&
     make -j "$jobs" >"$cache/ffmpeg-build.log" 2>&1 &&
     make install >/dev/null 2>&1)
   rm -rf "$cache/build-ffmpeg"
-  echo "$recipe" > "$stamp"
+  echo "$recipe.$ffmpeg_recipe" > "$stamp"
 }
 
 # --- GoogleTest ---------------------------------------------------------------
