@@ -115,7 +115,9 @@ decoders=(h264 hevc mpeg4 mpeg1video mpeg2video mjpeg flv h263 msmpeg4v1 msmpeg4
           pcm_s16le pcm_s16be pcm_s24le pcm_s24be pcm_s32le pcm_u8 pcm_alaw pcm_mulaw pcm_dvd pcm_bluray
           adpcm_ima_wav adpcm_ms)
 encoders=(ac3 ac3_fixed mp2 mp2fixed aac pcm_s16le pcm_s16be pcm_s24le pcm_u8)
-ffmpeg_recipe=2
+# The filters an audio conversion inserts (sample format, rate and layout).
+filters=(aresample aformat anull atrim asetpts format null trim setpts)
+ffmpeg_recipe=3
 build_ffmpeg() {
   local stamp="$cache/ffmpeg.done"
   if [ "$(cat "$stamp" 2>/dev/null)" = "$recipe.$ffmpeg_recipe" ]; then return; fi
@@ -132,6 +134,7 @@ build_ffmpeg() {
       --disable-devices --disable-hwaccels --disable-ffplay --disable-filters \
       --disable-decoders --enable-decoder="$(IFS=,; echo "${decoders[*]}")" \
       --enable-encoder="$(IFS=,; echo "${encoders[*]}")" \
+      --enable-filter="$(IFS=,; echo "${filters[*]}")" \
       --enable-ffmpeg --enable-ffprobe --extra-ldflags=-static --optflags="$optflags" >"$cache/ffmpeg-configure.log" &&
     make -j "$jobs" >"$cache/ffmpeg-build.log" 2>&1 &&
     make install >/dev/null 2>&1)
