@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench bench-quality clean test-asan test-tsan fuzz
+.PHONY: all deps configure build test demo bench bench-quality clean test-asan test-tsan fuzz test-windows
 
 # Input size per engine for the benchmark (bytes); inputs are cached in ~/.cache/videorepair-bench.
 BENCH_SIZE ?= 1073741824
@@ -34,7 +34,7 @@ bench-quality: build
 	@$(BUILD_DIR)/bin/vr_quality --out bench/results
 
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) $(WINDOWS_BUILD_DIR)
 
 # Checked builds, each in a folder of its own (see "Sanitizers and fuzzing" in README.md).
 ASAN_BUILD_DIR ?= build-asan
@@ -64,3 +64,10 @@ fuzz: deps
 		-DVR_SANITIZE=fuzzer -DBUILD_TESTING=OFF >/dev/null
 	@cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target fuzzers
 	@FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD_DIR) $(FUZZ_TARGETS)
+
+# Windows flavour: mingw-w64 cross build of lib_videorepair.dll, videorepair.exe
+# and the tests, run under wine. Dependencies are cached in ~/.cache/videorepair-windows.
+WINDOWS_BUILD_DIR ?= build-windows
+
+test-windows:
+	@bash scripts/windows/test.sh $(WINDOWS_BUILD_DIR)

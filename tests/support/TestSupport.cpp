@@ -1,11 +1,5 @@
 #include "support/TestSupport.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -15,8 +9,7 @@
 #include <sstream>
 
 #include "platform/Platform.h"
-
-extern char** environ;
+#include "support/System.h"
 
 namespace testing_support {
 
@@ -26,7 +19,7 @@ TempDir::TempDir(const std::string& tag) {
     static std::atomic<int> counter{0};
     std::random_device rd;
     fs::path base = fs::path(VR_TEST_MEDIA_DIR).parent_path() / "testtmp";
-    path_ = (base / (tag + "_" + std::to_string(getpid()) + "_" + std::to_string(counter++) + "_" +
+    path_ = (base / (tag + "_" + std::to_string(ProcessId()) + "_" + std::to_string(counter++) + "_" +
                      std::to_string(rd() % 100000)))
                 .string();
     fs::create_directories(path_);
@@ -45,77 +38,49 @@ std::wstring Wide(const std::string& s) { return platform::ToWide(s); }
 std::string Narrow(const std::wstring& s) { return platform::ToNarrow(s); }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(fs::u8path(path), std::ios::binary);
     std::ostringstream ss;
     ss << in.rdbuf();
     return ss.str();
 }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    std::ofstream out(fs::u8path(path), std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), std::streamsize(bytes.size()));
 }
 
-bool FileExists(const std::string& path) { return fs::is_regular_file(path); }
+bool FileExists(const std::string& path) { return fs::is_regular_file(fs::u8path(path)); }
 
 int64_t FileSize(const std::string& path) {
     std::error_code ec;
-    auto n = fs::file_size(path, ec);
+    auto n = fs::file_size(fs::u8path(path), ec);
     return ec ? -1 : int64_t(n);
 }
 
 std::vector<std::string> ReadLines(const std::string& path) {
     std::vector<std::string> lines;
-    std::ifstream in(path);
+    std::ifstream in(fs::u8path(path));
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 std::string BinDir() { return VR_TEST_BIN_DIR; }
 
-int RunProgram(const std::vector<std::string>& argv, std::string* out) {
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    int pipeEnds[2];
-    if (pipe(pipeEnds) != 0) return -1;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-    pid_t pid;
-    int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeEnds[1]);
-    std::string collected;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(pipeEnds[0], buf, sizeof buf)) > 0) collected.append(buf, size_t(n));
-    close(pipeEnds[0]);
-    if (rc != 0) return -1;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (out) *out = collected;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 std::string GeneratedMedia(const std::string& name, const std::vector<std::string>& ffmpegArgs) {
     fs::create_directories(VR_TEST_MEDIA_DIR);
     std::string target = std::string(VR_TEST_MEDIA_DIR) + "/" + name;
-    if (fs::exists(target)) return target;
+    if (fs::exists(fs::u8path(target))) return target;
     // Made under a private name and renamed, so a reader never sees half a file.
     std::string ext = fs::path(name).extension().string();
-    std::string partial = target + ".part" + std::to_string(getpid()) + ext;
-    std::vector<std::string> argv = {BinDir() + "/ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y"};
-    argv.insert(argv.end(), ffmpegArgs.begin(), ffmpegArgs.end());
-    argv.push_back(partial);
-    if (RunProgram(argv) != 0) {
-        fs::remove(partial);
+    std::string partial = target + ".part" + std::to_string(ProcessId()) + ext;
+    if (!MakeMedia(partial, ffmpegArgs)) {
+        std::error_code ignored;
+        fs::remove(fs::u8path(partial), ignored);
         return std::string();
     }
-    fs::rename(partial, target);
+    std::error_code ec;
+    fs::rename(fs::u8path(partial), fs::u8path(target), ec);
+    if (ec) fs::remove(fs::u8path(partial), ec);  // another process made it first
     return target;
 }
 

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 namespace console {
 
@@ -22,5 +24,9 @@ int ContinueCount();        // SIGCONT deliveries so far
 // The host reads nothing from its standard input; ffmpeg children inherit it and
 // would otherwise take keys from the terminal.
 void DetachStandardInput();
+
+// The program's arguments (without its name) as UTF-8, whatever the system's
+// own encoding of argv.
+std::vector<std::string> Utf8Arguments(int argc, char** argv);
 
 }  // namespace console

@@ -58,4 +58,8 @@ void DetachStandardInput() {
     close(nothing);
 }
 
+std::vector<std::string> Utf8Arguments(int argc, char** argv) {
+    return std::vector<std::string>(argv + 1, argv + argc);
+}
+
 }  // namespace console

@@ -28,7 +28,7 @@ bool IsRefused(const std::string& path) {
 
 bool SameFile(const std::string& a, const std::string& b) {
     std::error_code ec;
-    return std::filesystem::equivalent(a, b, ec) && !ec;
+    return std::filesystem::equivalent(std::filesystem::u8path(a), std::filesystem::u8path(b), ec) && !ec;
 }
 
 std::string DefaultWorkDirectory() { return Poco::Path(Poco::Path::temp()).pushDirectory("VR").toString(); }
@@ -48,7 +48,7 @@ std::string UnreadableReason(const std::string& path) {
         Poco::File file(path);
         if (!file.exists()) return "not found";
         if (!file.isFile()) return "not a regular file";
-        std::ifstream in(path, std::ios::binary);
+        std::ifstream in(std::filesystem::u8path(path), std::ios::binary);  // UTF-8 names on every system
         if (!in) return "cannot be read (permission denied?)";
         return std::string();
     } catch (const std::exception& e) {

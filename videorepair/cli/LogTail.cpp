@@ -1,5 +1,6 @@
 #include "LogTail.h"
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -44,12 +45,12 @@ std::string Trimmed(const std::string& text) {
 }  // namespace
 
 void LogTail::Mark() {
-    std::ifstream in(path_, std::ios::binary | std::ios::ate);
+    std::ifstream in(std::filesystem::u8path(path_), std::ios::binary | std::ios::ate);
     mark_ = in ? int64_t(in.tellg()) : 0;
 }
 
 std::string LogTail::ReadSinceMark() const {
-    std::ifstream in(path_, std::ios::binary | std::ios::ate);
+    std::ifstream in(std::filesystem::u8path(path_), std::ios::binary | std::ios::ate);
     if (!in) return std::string();
     int64_t end = int64_t(in.tellg());
     if (end <= mark_) return std::string();

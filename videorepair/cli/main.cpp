@@ -5,12 +5,13 @@
 #include <vector>
 
 #include "CliOptions.h"
+#include "Console.h"
 #include "ExitCodes.h"
 #include "HostApp.h"
 
 int main(int argc, char** argv) {
     try {
-        std::vector<std::string> args(argv + 1, argv + argc);
+        std::vector<std::string> args = console::Utf8Arguments(argc, argv);
         ParsedCommandLine parsed = ParseCommandLine(args);
         if (!parsed.ok) {
             std::fprintf(stderr, "videorepair: %s\n%sTry 'videorepair --help' for more.\n", parsed.error.c_str(),

@@ -1,6 +1,10 @@
 #include "RepairLog.h"
 
+#include <algorithm>
 #include <ctime>
+#include <sstream>
+
+#include "platform/Platform.h"
 
 const std::string kInertLogFileName = "repair.log";
 const std::string kInertLogCategory = "Repair";
@@ -24,11 +28,7 @@ void WriteTwoDigits(std::ostream& out, int value) {
 void WriteLocalTime(std::ostream& out) {
     std::time_t now = std::time(nullptr);
     std::tm local{};
-#if defined(_WIN32)
-    localtime_s(&local, &now);
-#else
-    localtime_r(&now, &local);
-#endif
+    platform::LocalTime(now, local);
     out << (local.tm_year + 1900) << '-';
     WriteTwoDigits(out, local.tm_mon + 1);
     out << '-';
@@ -45,26 +45,35 @@ void WriteLocalTime(std::ostream& out) {
 }  // namespace
 
 RepairLog::RepairLog(int minimumLevel, const std::string& filePath) : minimumLevel_(minimumLevel) {
-    // Append keeps earlier sessions; the stream opens shared, so other processes
-    // may read (and write) the file while it is open.
-    stream_.open(filePath, std::ios::out | std::ios::app | std::ios::binary);
+    // Append keeps earlier sessions; the file opens shared, so other processes
+    // may read (and write) it while it is open, and each line lands at its end.
+    fd_ = platform::OpenForAppend(platform::ToWide(filePath));
 }
 
 RepairLog::~RepairLog() { Close(); }
 
 void RepairLog::Close() {
     std::lock_guard<std::mutex> guard(lock_);
-    if (stream_.is_open()) stream_.close();
+    if (fd_ >= 0) platform::Close(fd_);
+    fd_ = -1;
 }
 
 template <class T>
 void RepairLog::WriteLine(uint32_t line, int level, const std::string& message, const T& value) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (level < minimumLevel_ || !stream_.is_open()) return;
-    stream_ << PrefixOf(level);
-    WriteLocalTime(stream_);
-    stream_ << '(' << line << ") " << message << ' ' << value << '\n';
-    stream_.flush();
+    if (level < minimumLevel_ || fd_ < 0) return;
+    std::ostringstream text;
+    text << PrefixOf(level);
+    WriteLocalTime(text);
+    text << '(' << line << ") " << message << ' ' << value << '\n';
+    // One write per line: unbuffered, so the line survives a crash of the host.
+    const std::string bytes = text.str();
+    for (size_t done = 0; done < bytes.size();) {
+        uint32_t piece = uint32_t(std::min<size_t>(bytes.size() - done, 1u << 20));
+        int64_t n = platform::Write(fd_, bytes.data() + done, piece);
+        if (n <= 0) return;
+        done += size_t(n);
+    }
 }
 
 void RepairLog::Log(const char*, uint32_t line, int level, const std::string& message, int32_t value) {

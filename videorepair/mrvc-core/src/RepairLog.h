@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
 #include <mutex>
 #include <string>
 
@@ -11,6 +10,7 @@ enum LogLevel : int { kLogDebug = 0, kLogInfo = 1, kLogWarning = 2, kLogError = 
 
 class RepairLog {
 public:
+    // filePath is UTF-8; the file is opened through its wide name, shared, for appending.
     RepairLog(int minimumLevel, const std::string& filePath);
     ~RepairLog();
     RepairLog(const RepairLog&) = delete;
@@ -24,14 +24,14 @@ public:
     void Log(const char* sourceFile, uint32_t line, int level, const std::string& message,
              const std::string& value);
 
-    bool IsOpen() const { return stream_.is_open() && stream_.good(); }
+    bool IsOpen() const { return fd_ >= 0; }
     void Close();
 
 private:
     template <class T>
     void WriteLine(uint32_t line, int level, const std::string& message, const T& value);
 
-    std::ofstream stream_;
+    int fd_ = -1;
     int minimumLevel_;
     std::mutex lock_;
 };

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <string>
 
@@ -41,6 +42,7 @@ std::wstring ToWide(const std::string& narrow);
 // Low-level descriptors: binary, share-deny-none, 64-bit positions. -1 on failure.
 int OpenForRead(const std::wstring& path);
 int OpenForWrite(const std::wstring& path);  // write-only, created (or truncated)
+int OpenForAppend(const std::wstring& path);  // write-only, created, every write at the end
 int64_t Seek(int fd, int64_t offset, int whence);  // whence: SEEK_SET, SEEK_CUR, SEEK_END
 int64_t Tell(int fd);
 int64_t Read(int fd, void* buffer, uint32_t count);  // bytes read, 0 at end, -1 on error
@@ -57,6 +59,9 @@ int RunCommandLine(const std::wstring& commandLine,
 
 // Sleeps for the given number of milliseconds.
 void SleepMilliseconds(int milliseconds);
+
+// The local calendar time of a moment; false when it cannot be represented.
+bool LocalTime(std::time_t moment, std::tm& out);
 
 }  // namespace platform
 

@@ -83,6 +83,10 @@ int OpenForWrite(const std::wstring& path) {
     return ::open(ToNarrow(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 }
 
+int OpenForAppend(const std::wstring& path) {
+    return ::open(ToNarrow(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+}
+
 int64_t Seek(int fd, int64_t offset, int whence) { return ::lseek(fd, offset, whence); }
 int64_t Tell(int fd) { return ::lseek(fd, 0, SEEK_CUR); }
 
@@ -157,6 +161,8 @@ int RunCommandLine(const std::wstring& commandLine,
 void SleepMilliseconds(int milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
+
+bool LocalTime(std::time_t moment, std::tm& out) { return localtime_r(&moment, &out) != nullptr; }
 
 }  // namespace platform
 

@@ -60,6 +60,14 @@ int OpenForWrite(const std::wstring& path) {
     return fd;
 }
 
+int OpenForAppend(const std::wstring& path) {
+    int fd = -1;
+    if (_wsopen_s(&fd, path.c_str(), _O_WRONLY | _O_BINARY | _O_CREAT | _O_APPEND, _SH_DENYNO,
+                  _S_IREAD | _S_IWRITE) != 0)
+        return -1;
+    return fd;
+}
+
 int64_t Seek(int fd, int64_t offset, int whence) { return _lseeki64(fd, offset, whence); }
 int64_t Tell(int fd) { return _telli64(fd); }
 int64_t Read(int fd, void* buffer, uint32_t count) { return _read(fd, buffer, count); }
@@ -88,7 +96,7 @@ int RunCommandLine(const std::wstring& commandLine,
                         nullptr, nullptr, &si, &pi)) {
         CloseHandle(readEnd);
         CloseHandle(writeEnd);
-        GetLastError();
+        (void)GetLastError();  // taken, as a debugger would show it; the caller only sees -1
         return -1;
     }
     CloseHandle(writeEnd);
@@ -108,16 +116,30 @@ int RunCommandLine(const std::wstring& commandLine,
 
 void SleepMilliseconds(int milliseconds) { Sleep(DWORD(milliseconds)); }
 
+bool LocalTime(std::time_t moment, std::tm& out) { return localtime_s(&out, &moment) == 0; }
+
 }  // namespace platform
 
 namespace platform {
 
+namespace {
+
+bool FileIdentity(const std::wstring& path, BY_HANDLE_FILE_INFORMATION& info) {
+    HANDLE h = CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    BOOL ok = GetFileInformationByHandle(h, &info);
+    CloseHandle(h);
+    return ok != FALSE;
+}
+
+}  // namespace
+
 bool SameFile(const std::wstring& a, const std::wstring& b) {
-    wchar_t fa[4096], fb[4096];
-    if (_wfullpath(fa, a.c_str(), 4096) == nullptr || _wfullpath(fb, b.c_str(), 4096) == nullptr)
-        return false;
-    if (GetFileAttributesW(fa) == INVALID_FILE_ATTRIBUTES) return false;
-    return _wcsicmp(fa, fb) == 0;
+    BY_HANDLE_FILE_INFORMATION ia{}, ib{};
+    if (!FileIdentity(a, ia) || !FileIdentity(b, ib)) return false;
+    return ia.dwVolumeSerialNumber == ib.dwVolumeSerialNumber &&
+           ia.nFileIndexHigh == ib.nFileIndexHigh && ia.nFileIndexLow == ib.nFileIndexLow;
 }
 
 void DebugTrace(const std::string& text) { OutputDebugStringA(text.c_str()); }
