@@ -62,8 +62,11 @@ unset DISPLAY
 if [ ! -f "$WINEPREFIX/system.reg" ]; then
   echo "Creating the wine prefix"
   "$wine" wineboot --init >/dev/null 2>&1 || true
+  wineserver -w  # the first boot's server goes away before the persistent one starts
 fi
-wineserver -p  # one server for all test processes, instead of one per test
+# One server for all test processes, instead of one per test (it refuses when
+# one is already running, which is as good).
+wineserver -p || true
 # Start wine's own services now, with no output attached: started by the first
 # test they would hold its output pipe open, and ctest would wait for it.
 "$wine" cmd /c exit </dev/null >/dev/null 2>&1 || true
