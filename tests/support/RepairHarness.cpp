@@ -4,9 +4,6 @@
 #include <Poco/DigestStream.h>
 #include <Poco/SHA1Engine.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cctype>
@@ -17,6 +14,7 @@
 
 #include "IVideoRepairManager.h"
 #include "VideoRepairExport.h"
+#include "support/System.h"
 
 namespace repair_harness {
 
@@ -213,30 +211,27 @@ std::string FileHash(const std::string& path) {
     const auto status = std::filesystem::symlink_status(path, ec);
     if (ec || !std::filesystem::exists(status)) return std::string();
     if (!std::filesystem::is_regular_file(status)) return "not a regular file: " + std::to_string(int(status.type()));
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::string();
     // Only the data extents are read, each hashed behind its offset: a sparse
     // file of many GiB hashes as fast as its few real bytes, and a write into a
     // hole still shows (it makes a new extent).
+    std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
+    if (!in) return std::string();
     Poco::SHA1Engine sha1;
     std::vector<char> buffer(1 << 20);
-    const off_t size = ::lseek(fd, 0, SEEK_END);
-    off_t data = ::lseek(fd, 0, SEEK_DATA);
-    if (data < 0 && errno != ENXIO) data = 0;  // no hole support: one extent
-    while (data >= 0 && data < size) {
-        off_t hole = ::lseek(fd, data, SEEK_HOLE);
-        if (hole < 0) hole = size;
-        sha1.update(&data, sizeof data);
-        for (off_t at = data; at < hole;) {
-            const ssize_t n = ::pread(fd, buffer.data(), size_t(std::min<off_t>(hole - at, off_t(buffer.size()))), at);
+    for (const auto& [start, end] : testing_support::DataExtents(path)) {
+        sha1.update(&start, sizeof start);
+        in.clear();
+        in.seekg(start);
+        for (int64_t at = start; at < end;) {
+            in.read(buffer.data(), std::streamsize(std::min<int64_t>(end - at, int64_t(buffer.size()))));
+            const std::streamsize n = in.gcount();
             if (n <= 0) break;
             sha1.update(buffer.data(), size_t(n));
             at += n;
         }
-        data = ::lseek(fd, hole, SEEK_DATA);
     }
+    const int64_t size = int64_t(std::filesystem::file_size(std::filesystem::u8path(path), ec));
     sha1.update(&size, sizeof size);
-    ::close(fd);
     return Poco::DigestEngine::digestToHex(sha1.digest());
 }
 

@@ -48,4 +48,21 @@ bool MakeMedia(const std::string& target, const std::vector<std::string>& ffmpeg
     return RunProgram(argv) == 0;
 }
 
+std::vector<std::pair<int64_t, int64_t>> DataExtents(const std::string& path) {
+    std::vector<std::pair<int64_t, int64_t>> extents;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return extents;
+    const off_t size = ::lseek(fd, 0, SEEK_END);
+    off_t data = ::lseek(fd, 0, SEEK_DATA);
+    if (data < 0 && errno != ENXIO) data = 0;  // no hole support: one extent
+    while (data >= 0 && data < size) {
+        off_t hole = ::lseek(fd, data, SEEK_HOLE);
+        if (hole < 0) hole = size;
+        extents.emplace_back(int64_t(data), int64_t(hole));
+        data = ::lseek(fd, hole, SEEK_DATA);
+    }
+    ::close(fd);
+    return extents;
+}
+
 }  // namespace testing_support

@@ -119,4 +119,11 @@ bool MakeMedia(const std::string& target, const std::vector<std::string>& ffmpeg
     return false;
 }
 
+std::vector<std::pair<int64_t, int64_t>> DataExtents(const std::string& path) {
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(std::filesystem::u8path(path), ec);
+    if (ec) return {};
+    return {{0, int64_t(size)}};
+}
+
 }  // namespace testing_support
