@@ -2,8 +2,13 @@
 # Installs the Debian packages the build and the tests need, skipping those already present.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
-          googletest libgtest-dev libgmock-dev mkvtoolnix)
+# With package names as arguments, installs those instead (used by the fuzz set-up).
+if [ $# -gt 0 ]; then
+  packages=("$@")
+else
+  packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
+            googletest libgtest-dev libgmock-dev mkvtoolnix)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
