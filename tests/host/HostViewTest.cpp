@@ -15,6 +15,7 @@
 #include "IVideoMetaDataParser.h"
 #include "IVideoRepairManager.h"
 #include "IVideoRepairObserver.h"
+#include "HostObserver.h"
 #include "VideoRepairExport.h"
 
 namespace {
@@ -31,18 +32,6 @@ int passes = 0;
             std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
         }                                                                  \
     } while (0)
-
-struct HostObserver : IVideoRepairObserver {
-    std::string events;
-    void OnProgress(int32_t kind, int32_t value, int32_t, void*) override {
-        events += "p" + std::to_string(kind) + ":" + std::to_string(value) + ",";
-    }
-    void OnStarted() override { events += "start,"; }
-    void OnStopped() override { events += "stopped,"; }
-    void OnPaused() override { events += "paused,"; }
-    void OnResumed() override { events += "resumed,"; }
-    void OnFinished() override { events += "finish,"; }
-};
 
 template <class Fn>
 Fn Slot(void* object, int slot) {

@@ -7,21 +7,10 @@
 
 #include "IVideoRepairManager.h"
 #include "IVideoRepairObserver.h"
+#include "HostObserver.h"
 #include "VideoRepairExport.h"
 
 namespace {
-
-struct Observer : IVideoRepairObserver {
-    std::string events;
-    void OnProgress(int32_t kind, int32_t value, int32_t, void*) override {
-        events += "p" + std::to_string(kind) + ":" + std::to_string(value) + ",";
-    }
-    void OnStarted() override { events += "start,"; }
-    void OnStopped() override { events += "stopped,"; }
-    void OnPaused() override { events += "paused,"; }
-    void OnResumed() override { events += "resumed,"; }
-    void OnFinished() override { events += "finish,"; }
-};
 
 std::wstring Wide(const char* s) { return std::wstring(s, s + std::string(s).size()); }
 
@@ -37,7 +26,7 @@ int main(int argc, char** argv) {
     auto init = reinterpret_cast<InitKzVideoRepairLibFn>(dlsym(lib, "InitKzVideoRepairLib"));
     IVideoRepairManager* manager = nullptr;
     if (init == nullptr || init(&manager) != 0) return 2;
-    Observer observer;
+    HostObserver observer;
     manager->Initialize(&observer, Wide(argv[2]).c_str(), Wide(argv[3]).c_str());
     int rc = manager->FfmpegRepair(Wide(argv[4]).c_str());
     manager->Release();
