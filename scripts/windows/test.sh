@@ -16,20 +16,8 @@ jobs="${JOBS:-$(nproc)}"
 export VIDEOREPAIR_WINDOWS_CACHE="$cache"
 
 # --- tools ------------------------------------------------------------------
-packages=(cmake ninja-build make pkg-config dpkg-dev g++-mingw-w64-x86-64-posix
-          binutils-mingw-w64-x86-64 wine wine64 googletest ffmpeg)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing missing packages: ${missing[*]}"
-  sudo_cmd=()
-  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-  export DEBIAN_FRONTEND=noninteractive
-  "${sudo_cmd[@]}" apt-get update -qq
-  "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+bash "$here/../install-deps.sh" cmake ninja-build make pkg-config dpkg-dev g++-mingw-w64-x86-64-posix \
+  binutils-mingw-w64-x86-64 wine wine64 googletest ffmpeg
 
 # --- dependencies and build -------------------------------------------------------
 bash "$here/build-deps.sh"
