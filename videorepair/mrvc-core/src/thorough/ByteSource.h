@@ -1,0 +1,23 @@
+// A forward-only stream of bytes that the demuxer reads in place of the damaged
+// file: a strategy's cleaned view of it (garbage dropped, packets realigned, lost
+// headers put back from the sample). Sources read the file through small windows,
+// never the whole file at once.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace thorough {
+
+class ByteSource {
+public:
+    virtual ~ByteSource() = default;
+    // Up to size bytes into buffer; 0 at the end, -1 on an error.
+    virtual int64_t Read(uint8_t* buffer, size_t size) = 0;
+    // How far into the damaged file the source has got, for progress.
+    virtual int64_t Consumed() const = 0;
+    // Bytes of the damaged file skipped as unusable so far (for the report).
+    virtual int64_t Skipped() const { return 0; }
+};
+
+}  // namespace thorough

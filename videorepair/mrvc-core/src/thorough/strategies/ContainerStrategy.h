@@ -1,0 +1,48 @@
+// What a container contributes to the thorough repair. The road itself is
+// container-neutral (learn, take, carve, restore, write, judge); a strategy only
+// carves and restores: it hands the demuxer a cleaned view of the damaged file and
+// names the muxer for the result. It never writes files or runs processes.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "thorough/ByteSource.h"
+
+class RepairLog;
+
+namespace thorough {
+
+struct MuxerChoice {
+    std::string name;                           // libavformat muxer ("mpegts", "vob", ...)
+    std::map<std::string, std::string> options;  // private muxer options
+};
+
+class ContainerStrategy {
+public:
+    virtual ~ContainerStrategy() = default;
+
+    virtual const char* Name() const = 0;
+
+    // A cleaned view of the damaged file, or null when the file is best read as it
+    // is. samplePath may be empty. log may be null.
+    virtual std::unique_ptr<ByteSource> Clean(const std::wstring& damagedPath, const std::wstring& samplePath,
+                                              RepairLog* log) {
+        (void)damagedPath, (void)samplePath, (void)log;
+        return nullptr;
+    }
+
+    // The libavformat demuxer that reads the cleaned view; empty: probe it.
+    virtual std::string CleanedFormat() const { return std::string(); }
+
+    // The muxer for the result. Asked after Clean, so it may depend on what the
+    // cleaning found (packet size, MPEG-1 or MPEG-2 packs). Empty name: guessed
+    // from the damaged file's extension.
+    virtual MuxerChoice Muxer() const { return MuxerChoice(); }
+};
+
+// The strategy for a container by the engine's format name ("avi", "mpeg", "mts", ...).
+std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName);
+
+}  // namespace thorough
