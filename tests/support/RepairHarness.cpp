@@ -1,5 +1,7 @@
 #include "support/RepairHarness.h"
 
+#include <functional>
+
 #include <Poco/DigestEngine.h>
 #include <Poco/DigestStream.h>
 #include <Poco/SHA1Engine.h>
@@ -10,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "IVideoRepairManager.h"
@@ -244,8 +247,43 @@ std::string FileHash(const std::string& path) {
 
 // ---- the manager ----
 
-ManagerRun RepairThroughManager(const std::string& damaged, const std::string& sample, const std::string& logDir,
-                                const std::string& workDir) {
+namespace {
+
+std::multiset<std::string> FrameHashes(const std::string& path) {
+    std::string out;
+    testing_support::RunProgram({testing_support::BinDir() + "/ffmpeg", "-nostdin", "-v", "quiet", "-i", path, "-map",
+                                 "0:v:0", "-f", "framemd5", "-"},
+                                &out);
+    std::multiset<std::string> hashes;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        size_t comma = line.rfind(',');
+        if (comma != std::string::npos) hashes.insert(line.substr(comma + 1));
+    }
+    return hashes;
+}
+
+}  // namespace
+
+int CountBitExactFrames(const std::string& path, const std::string& original) {
+    std::multiset<std::string> wanted = FrameHashes(original);
+    int exact = 0;
+    for (const std::string& hash : FrameHashes(path)) {
+        auto found = wanted.find(hash);
+        if (found == wanted.end()) continue;
+        wanted.erase(found);
+        ++exact;
+    }
+    return exact;
+}
+
+namespace {
+
+using ManagerCall = std::function<int32_t(IVideoRepairManager&, const wchar_t*, const wchar_t*)>;
+
+ManagerRun RunThroughManager(const std::string& damaged, const std::string& sample, const std::string& logDir,
+                             const std::string& workDir, const ManagerCall& call) {
     ManagerRun run;
     InputGuard guard(damaged);
     IVideoRepairManager* manager = nullptr;
@@ -254,7 +292,7 @@ ManagerRun RepairThroughManager(const std::string& damaged, const std::string& s
     const std::wstring logs = testing_support::Wide(logDir), work = testing_support::Wide(workDir);
     manager->Initialize(&observer, logs.c_str(), work.c_str());
     const std::wstring damagedW = testing_support::Wide(damaged), sampleW = testing_support::Wide(sample);
-    run.result = manager->Repair(damagedW.c_str(), sampleW.c_str());
+    run.result = call(*manager, damagedW.c_str(), sampleW.c_str());
     std::vector<wchar_t> path(4096, L'\0');
     if (manager->GetRepairedFilePath(path.data(), damagedW.c_str()) == 0)
         run.repairedPath = testing_support::Narrow(path.data());
@@ -263,6 +301,25 @@ ManagerRun RepairThroughManager(const std::string& damaged, const std::string& s
     run.events = observer.Events();
     run.inputUnchanged = bool(guard.Unchanged());
     return run;
+}
+
+}  // namespace
+
+ManagerRun RepairThroughManager(const std::string& damaged, const std::string& sample, const std::string& logDir,
+                                const std::string& workDir) {
+    return RunThroughManager(damaged, sample, logDir, workDir,
+                             [](IVideoRepairManager& m, const wchar_t* d, const wchar_t* s) { return m.Repair(d, s); });
+}
+
+ManagerRun ThoroughRepairThroughManager(const std::string& damaged, const std::string& sample, const TempDir& dir,
+                                        ThoroughRepairOptions* options) {
+    ThoroughRepairOptions own{};
+    own.size = sizeof own;
+    ThoroughRepairOptions* used = options != nullptr ? options : &own;
+    return RunThroughManager(damaged, sample, dir.path(), dir.file("work"),
+                             [used](IVideoRepairManager& m, const wchar_t* d, const wchar_t* s) {
+                                 return m.RepairWithOptions(d, s, kRepairOptionThorough, used);
+                             });
 }
 
 }  // namespace repair_harness

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "VideoRepairOptions.h"
 #include "support/TestSupport.h"
 
 namespace repair_harness {
@@ -103,6 +104,9 @@ int CountSurvivors(const std::vector<FrameSpan>& frames, const Damage& damage, D
 // ---- probing results ----
 
 int CountStreams(const std::string& path, const std::string& type);  // "v", "a"; -1 if unreadable
+// Frames of the first video stream that decode to exactly a frame of the original
+// (each original frame counted once); 0 when the file does not decode.
+int CountBitExactFrames(const std::string& path, const std::string& original);
 bool HasLine(const std::vector<std::string>& lines, const std::string& text);
 size_t FilesIn(const std::string& directory);  // regular files, recursively
 // True when the file name is a 36-character UUID followed by "." + ext, in dir.
@@ -137,6 +141,10 @@ struct ManagerRun {
 
 ManagerRun RepairThroughManager(const std::string& damaged, const std::string& sample, const std::string& logDir,
                                 const std::string& workDir);
+// The same through RepairWithOptions with the thorough option; options (may be
+// null) is handed in and comes back filled.
+ManagerRun ThoroughRepairThroughManager(const std::string& damaged, const std::string& sample, const TempDir& dir,
+                                        ThoroughRepairOptions* options = nullptr);
 // Logs in dir, work files in dir/work.
 inline ManagerRun RepairThroughManager(const std::string& damaged, const std::string& sample, const TempDir& dir) {
     return RepairThroughManager(damaged, sample, dir.path(), dir.file("work"));

@@ -21,7 +21,9 @@ public:
     void SetVideoPath(const std::wstring& damagedPath, const std::wstring& samplePath) override;
     void SetRepairMode(int) override {}
     void SetEngineStrings(const void*) override {}
-    int RepairWithOptions(const wchar_t*, const wchar_t*, void*, uint32_t) override { return -1; }
+    // The thorough repair for kRepairOptionThorough; -1 for every other option.
+    int RepairWithOptions(const wchar_t* damagedPath, const wchar_t* samplePath, void* optionData,
+                          uint32_t option) override;
     void SetProgressCallback(EngineProgressCallback callback) override;
     using IAdvanceVideoRepair::GetRepairedVideo;
     std::wstring GetRepairedVideo(std::wstring& result, const std::wstring& first,
@@ -33,8 +35,13 @@ public:
     bool IsStopRequested() const { return stopRequested_.load(std::memory_order_relaxed); }
     const std::wstring& DamagedPath() const { return damagedPath_; }
     const std::wstring& SamplePath() const { return samplePath_; }
+    // The file the last thorough repair kept; empty when it failed.
+    const std::wstring& ThoroughResult() const { return thoroughResult_; }
 
 protected:
+    // True for engines whose own carving repair runs in this process (no child
+    // program): the thorough repair then judges its result as one more candidate.
+    virtual bool CarvesInProcess() const { return false; }
     // Logs "Start " + "<Class>::<method>" at DEBUG, as every engine does on entry.
     void LogEntry(const char* method);
     // Starts a repair: clears the stop request and forgets earlier progress.
@@ -57,12 +64,16 @@ protected:
     std::wstring samplePath_;
 
 private:
+    class ThoroughControl;
+    std::wstring CarvedCandidate(const std::wstring& directory, int progressFrom, int progressTo);
+
     const char* className_;
     const char* logSource_;
     EngineProgressCallback progress_;
     int lastProgress_ = -1;
     std::atomic<bool> paused_{false};
     std::atomic<bool> stopRequested_{true};  // Stop before Repair has no effect: Repair clears it
+    std::wstring thoroughResult_;
 };
 
 // Logs through the engine's own log at the calling line.

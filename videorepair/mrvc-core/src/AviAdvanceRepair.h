@@ -53,6 +53,9 @@ public:
     int64_t Idx1Offset() const { return idx1Offset_; }
     uint32_t MoviSize() const { return moviSize_; }
 
+protected:
+    bool CarvesInProcess() const override { return true; }
+
 private:
     void ResetFindings();
     int ParseSampleHeader();

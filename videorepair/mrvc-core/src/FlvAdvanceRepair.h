@@ -32,6 +32,9 @@ public:
 
     const std::vector<FlvRun>& Runs() const { return runs_; }
 
+protected:
+    bool CarvesInProcess() const override { return true; }
+
 private:
     void ScanForRuns();
     void ScanBlock(uint8_t* block, int64_t& blockOffset);

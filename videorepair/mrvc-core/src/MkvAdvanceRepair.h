@@ -24,6 +24,9 @@ public:
                                   int mode) override;
     void Release() override;
 
+protected:
+    bool CarvesInProcess() const override { return true; }
+
 private:
     void ReadMetadata();
     bool ChooseHead();

@@ -42,6 +42,9 @@ public:
     const PacketLayout& Layout() const { return layout_; }
     const std::vector<ByteRange>& ValidRanges() const { return validRanges_; }
 
+protected:
+    bool CarvesInProcess() const override { return true; }
+
 private:
     static constexpr int kScanPackets = 10;
     static constexpr int kMatchPackets = 5;

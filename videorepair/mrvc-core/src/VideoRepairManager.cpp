@@ -10,6 +10,7 @@
 #include "IVideoRepairObserver.h"
 #include "OutputNaming.h"
 #include "TextUtil.h"
+#include "VideoRepairOptions.h"
 #include "io/FileReader.h"
 #include "io/FileWriter.h"
 #include "platform/Platform.h"
@@ -103,29 +104,14 @@ int32_t VideoRepairManager::Repair(const wchar_t* videoPath, const wchar_t* samp
     if (videoPath == nullptr || samplePath == nullptr) return -1;
     return Guarded([&]() -> int32_t {
         std::lock_guard<std::mutex> guard(lock_);
-        if (!engineRegistry_) return -1;
-        IAdvanceVideoRepair* engine = EngineFor(videoPath);
-        if (engine == nullptr) return -1;
-
-        engine->SetObserver(observer_);
-        engine->SetRepairMode(int(repairMode_));
-        engine->SetEngineStrings(&engineStrings_);
-        engine->SetVideoPath(videoPath, samplePath);
-        engine->SetProgressCallback([this](int percent) { ReportProgress(0, percent); });
-
-        if (observer_ != nullptr) observer_->OnStarted();
-        int result = engine->Repair();
-        if (observer_ != nullptr) observer_->OnFinished();
-        if (result != 0) return result;
-
-        auto record = std::make_unique<RepairRecord>();
-        record->byEngine = true;
-        record->videoPath = videoPath;
-        std::wstring output;
-        record->repairedPath = engine->GetRepairedVideo(output, videoPath, std::wstring(), 0);
-        record->currentPath = record->repairedPath;
-        records_.push_back(std::move(record));
-        return 0;
+        return RunEngine(videoPath, samplePath, [&](IAdvanceVideoRepair& engine, std::wstring& repaired) {
+            int result = engine.Repair();
+            if (result == 0) {
+                std::wstring output;
+                repaired = engine.GetRepairedVideo(output, videoPath, std::wstring(), 0);
+            }
+            return result;
+        });
     });
 }
 
@@ -134,11 +120,45 @@ int32_t VideoRepairManager::RepairWithOptions(const wchar_t* videoPath, const wc
     if (videoPath == nullptr || samplePath == nullptr || optionData == nullptr) return -1;
     return Guarded([&]() -> int32_t {
         std::lock_guard<std::mutex> guard(lock_);
-        if (!engineRegistry_) return -1;
-        IAdvanceVideoRepair* engine = EngineFor(videoPath);
-        if (engine == nullptr) return -1;
-        return engine->RepairWithOptions(videoPath, samplePath, optionData, option);
+        if (option != kRepairOptionThorough) {
+            if (!engineRegistry_) return -1;
+            IAdvanceVideoRepair* engine = EngineFor(videoPath);
+            return engine == nullptr ? -1 : engine->RepairWithOptions(videoPath, samplePath, optionData, option);
+        }
+        // A whole repair, seen by the host exactly as Repair is.
+        if (static_cast<const ThoroughRepairOptions*>(optionData)->size < kThoroughOptionsMinimumSize) return -1;
+        return RunEngine(videoPath, samplePath, [&](IAdvanceVideoRepair& engine, std::wstring& repaired) {
+            int result = engine.RepairWithOptions(videoPath, samplePath, optionData, option);
+            if (result == 0) repaired = static_cast<AdvanceRepairBase&>(engine).ThoroughResult();
+            return result;
+        });
     });
+}
+
+int32_t VideoRepairManager::RunEngine(const wchar_t* videoPath, const wchar_t* samplePath, const EngineRun& run) {
+    if (!engineRegistry_) return -1;
+    IAdvanceVideoRepair* engine = EngineFor(videoPath);
+    if (engine == nullptr) return -1;
+
+    engine->SetObserver(observer_);
+    engine->SetRepairMode(int(repairMode_));
+    engine->SetEngineStrings(&engineStrings_);
+    engine->SetVideoPath(videoPath, samplePath);
+    engine->SetProgressCallback([this](int percent) { ReportProgress(0, percent); });
+
+    if (observer_ != nullptr) observer_->OnStarted();
+    std::wstring repaired;
+    int result = run(*engine, repaired);
+    if (observer_ != nullptr) observer_->OnFinished();
+    if (result != 0) return result;
+
+    auto record = std::make_unique<RepairRecord>();
+    record->byEngine = true;
+    record->videoPath = videoPath;
+    record->repairedPath = repaired;
+    record->currentPath = record->repairedPath;
+    records_.push_back(std::move(record));
+    return 0;
 }
 
 int32_t VideoRepairManager::FfmpegRepair(const wchar_t* videoPath) {

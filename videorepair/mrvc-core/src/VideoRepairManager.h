@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -64,6 +65,10 @@ private:
     EngineRegistry* Registry();
     // Selects the engine for a refused-checked path, or null.
     IAdvanceVideoRepair* EngineFor(const std::wstring& videoPath);
+    // The set-up, observer events and record that every engine repair shares; run
+    // does the engine's work and names the repaired file.
+    using EngineRun = std::function<int(IAdvanceVideoRepair&, std::wstring&)>;
+    int32_t RunEngine(const wchar_t* videoPath, const wchar_t* samplePath, const EngineRun& run);
     const RepairRecord* FindRecord(const std::wstring& videoPath) const;
     void ForEachEngine(void (AdvanceRepairBase::*action)());
     void ReportProgress(int kind, int value);

@@ -42,6 +42,9 @@ public:
     virtual MuxerChoice Muxer() const { return MuxerChoice(); }
 };
 
+// The muxer that writes a container, by the engine's format name; empty when unknown.
+std::string MuxerFor(const std::string& formatName);
+
 // The strategy for a container by the engine's format name ("avi", "mpeg", "mts", ...).
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName);
 

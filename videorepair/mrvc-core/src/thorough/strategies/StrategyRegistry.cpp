@@ -1,5 +1,7 @@
 #include "thorough/strategies/ContainerStrategy.h"
 
+#include <map>
+
 namespace thorough {
 namespace {
 
@@ -9,12 +11,22 @@ class PlainStrategy : public ContainerStrategy {
 public:
     explicit PlainStrategy(std::string name) : name_(std::move(name)) {}
     const char* Name() const override { return name_.c_str(); }
+    MuxerChoice Muxer() const override { return MuxerChoice{MuxerFor(name_), {}}; }
 
 private:
     std::string name_;
 };
 
 }  // namespace
+
+std::string MuxerFor(const std::string& formatName) {
+    static const std::map<std::string, std::string> muxers = {
+        {"avi", "avi"}, {"flv", "flv"},  {"mkv", "matroska"}, {"mxf", "mxf"},      {"klv", "mxf"},
+        {"wmv", "asf"}, {"asf", "asf"},  {"mpeg", "mpeg"},    {"mts", "mpegts"},   {"m2ts", "mpegts"},
+    };
+    auto found = muxers.find(formatName);
+    return found != muxers.end() ? found->second : std::string();
+}
 
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     return std::make_unique<PlainStrategy>(formatName);

@@ -1,0 +1,82 @@
+#include "thorough/Demuxer.h"
+
+#include "platform/Platform.h"
+
+namespace thorough {
+namespace {
+
+constexpr int kIoBufferBytes = 1 << 16;
+// Damaged files hide their streams behind garbage: probe further than usual.
+constexpr int64_t kProbeBytes = 32 << 20;
+constexpr int64_t kAnalyzeMicroseconds = 20 * int64_t(AV_TIME_BASE);
+
+}  // namespace
+
+Demuxer::~Demuxer() {
+    input_.reset();
+    if (io_ != nullptr) {
+        av_freep(&io_->buffer);
+        avio_context_free(&io_);
+    }
+}
+
+bool Demuxer::OpenFile(const std::wstring& path, const std::string& format) {
+    std::string url = "file:" + platform::ToNarrow(path);
+    return Open(avformat_alloc_context(), url.c_str(), format);
+}
+
+bool Demuxer::OpenSource(std::unique_ptr<ByteSource> source, const std::string& format) {
+    source_ = std::move(source);
+    auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
+    if (buffer == nullptr) return false;
+    io_ = avio_alloc_context(buffer, kIoBufferBytes, 0, this, &Demuxer::ReadSource, nullptr, nullptr);
+    if (io_ == nullptr) {
+        av_free(buffer);
+        return false;
+    }
+    AVFormatContext* context = avformat_alloc_context();
+    if (context == nullptr) return false;
+    context->pb = io_;
+    context->flags |= AVFMT_FLAG_CUSTOM_IO;
+    return Open(context, "", format);
+}
+
+bool Demuxer::Open(AVFormatContext* context, const char* url, const std::string& format) {
+    if (context == nullptr) return false;
+    context->flags |= AVFMT_FLAG_GENPTS | AVFMT_FLAG_DISCARD_CORRUPT;
+    context->error_recognition = 0;
+    context->probesize = kProbeBytes;
+    context->max_analyze_duration = kAnalyzeMicroseconds;
+    const AVInputFormat* input = format.empty() ? nullptr : av_find_input_format(format.c_str());
+    if (avformat_open_input(&context, url, input, nullptr) < 0) return false;  // frees context
+    input_.reset(context);
+    if (avformat_find_stream_info(context, nullptr) < 0 && context->nb_streams == 0) {
+        input_.reset();
+        return false;
+    }
+    return true;
+}
+
+int Demuxer::ReadSource(void* opaque, uint8_t* buffer, int size) {
+    auto* self = static_cast<Demuxer*>(opaque);
+    int64_t n = self->source_->Read(buffer, size_t(size));
+    if (n < 0) return AVERROR(EIO);
+    return n == 0 ? AVERROR_EOF : int(n);
+}
+
+bool Demuxer::Read(AVPacket* packet) {
+    // A few errors in a row are damage the demuxer could not step over by itself.
+    for (int failures = 0; failures < 64; ++failures) {
+        int result = av_read_frame(input_.get(), packet);
+        if (result >= 0) return true;
+        if (result == AVERROR_EOF || avio_feof(input_->pb)) return false;
+    }
+    return false;
+}
+
+int64_t Demuxer::Consumed() const {
+    if (source_) return source_->Consumed();
+    return input_ && input_->pb ? avio_tell(input_->pb) : 0;
+}
+
+}  // namespace thorough

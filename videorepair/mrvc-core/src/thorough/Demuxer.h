@@ -1,0 +1,44 @@
+// libavformat reading either a file or a strategy's cleaned byte source, told to
+// keep going over damage: corrupt packets are dropped, missing timestamps made up.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "thorough/AvHandles.h"
+#include "thorough/ByteSource.h"
+
+namespace thorough {
+
+class Demuxer {
+public:
+    Demuxer() = default;
+    ~Demuxer();
+    Demuxer(const Demuxer&) = delete;
+    Demuxer& operator=(const Demuxer&) = delete;
+
+    // format: a libavformat demuxer name, or empty to probe.
+    bool OpenFile(const std::wstring& path, const std::string& format = std::string());
+    bool OpenSource(std::unique_ptr<ByteSource> source, const std::string& format);
+
+    AVFormatContext* Context() const { return input_.get(); }
+    unsigned StreamCount() const { return input_ ? input_->nb_streams : 0; }
+    AVStream* Stream(unsigned index) const { return input_->streams[index]; }
+
+    // The next packet; false at the end or on an error that ends reading.
+    bool Read(AVPacket* packet);
+    // Bytes of the damaged file read so far, for progress.
+    int64_t Consumed() const;
+    int64_t Skipped() const { return source_ ? source_->Skipped() : 0; }
+
+private:
+    bool Open(AVFormatContext* context, const char* url, const std::string& format);
+    static int ReadSource(void* opaque, uint8_t* buffer, int size);
+
+    std::unique_ptr<ByteSource> source_;
+    AVIOContext* io_ = nullptr;  // ours when reading a source
+    InputPtr input_;
+};
+
+}  // namespace thorough

@@ -1,0 +1,148 @@
+#include "thorough/ParameterSets.h"
+
+#include <vector>
+
+namespace thorough {
+namespace {
+
+const char kStartCode[] = {0, 0, 0, 1};
+
+// One Annex B unit: where its payload starts and ends (start code excluded).
+struct Unit {
+    size_t begin, end;
+};
+
+std::vector<Unit> SplitAnnexB(const uint8_t* data, size_t size) {
+    std::vector<Unit> units;
+    size_t i = 0, begin = size;
+    while (i + 3 <= size) {
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
+            if (begin < size) {
+                size_t end = i;
+                while (end > begin && data[end - 1] == 0) --end;  // trailing zeros belong to the next start code
+                units.push_back({begin, end});
+            }
+            begin = i + 3;
+            i += 3;
+        } else {
+            ++i;
+        }
+    }
+    if (begin < size) units.push_back({begin, size});
+    return units;
+}
+
+int NalType(AVCodecID codec, uint8_t first) {
+    return codec == AV_CODEC_ID_HEVC ? (first >> 1) & 0x3F : first & 0x1F;
+}
+
+bool IsParameterSet(AVCodecID codec, int type) {
+    if (codec == AV_CODEC_ID_H264) return type == 7 || type == 8;
+    return type >= 32 && type <= 34;  // HEVC VPS, SPS, PPS
+}
+
+bool IsSequenceParameterSet(AVCodecID codec, int type) { return type == (codec == AV_CODEC_ID_H264 ? 7 : 33); }
+
+bool IsMpegVideo(AVCodecID codec) {
+    return codec == AV_CODEC_ID_MPEG1VIDEO || codec == AV_CODEC_ID_MPEG2VIDEO;
+}
+
+// The MPEG-1/2 sequence header with its extensions and user data: everything from
+// 00 00 01 B3 to the next GOP or picture start code.
+std::string MpegSequenceHeader(const uint8_t* data, size_t size) {
+    for (const Unit& unit : SplitAnnexB(data, size)) {
+        if (unit.begin >= unit.end || data[unit.begin] != 0xB3) continue;
+        size_t end = size;
+        for (size_t i = unit.begin; i + 3 < size; ++i) {
+            if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && (data[i + 3] == 0xB8 || data[i + 3] == 0x00)) {
+                end = i;
+                break;
+            }
+        }
+        return std::string(reinterpret_cast<const char*>(data) + unit.begin - 3, end - (unit.begin - 3));
+    }
+    return std::string();
+}
+
+void AppendUnit(std::string& out, const uint8_t* data, size_t size) {
+    out.append(kStartCode, sizeof kStartCode);
+    out.append(reinterpret_cast<const char*>(data), size);
+}
+
+uint32_t Be16(const uint8_t* p) { return uint32_t(p[0]) << 8 | p[1]; }
+
+std::string FromAvcC(const uint8_t* p, size_t size) {
+    std::string out;
+    if (size < 7) return out;
+    size_t at = 5;
+    for (int list = 0; list < 2 && at < size; ++list) {
+        unsigned count = list == 0 ? p[at] & 0x1F : p[at];
+        ++at;
+        for (unsigned i = 0; i < count && at + 2 <= size; ++i) {
+            size_t length = Be16(p + at);
+            at += 2;
+            if (at + length > size) return out;
+            AppendUnit(out, p + at, length);
+            at += length;
+        }
+    }
+    return out;
+}
+
+std::string FromHvcC(const uint8_t* p, size_t size) {
+    std::string out;
+    if (size < 23) return out;
+    size_t at = 23;
+    for (unsigned array = 0, arrays = p[22]; array < arrays && at + 3 <= size; ++array) {
+        unsigned count = Be16(p + at + 1);
+        at += 3;
+        for (unsigned i = 0; i < count && at + 2 <= size; ++i) {
+            size_t length = Be16(p + at);
+            at += 2;
+            if (at + length > size) return out;
+            AppendUnit(out, p + at, length);
+            at += length;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+bool CarriesInBandHeader(AVCodecID codec) {
+    return codec == AV_CODEC_ID_H264 || codec == AV_CODEC_ID_HEVC || IsMpegVideo(codec);
+}
+
+bool IsAnnexB(const uint8_t* data, size_t size) {
+    if (size >= 3 && data[0] == 0 && data[1] == 0 && data[2] == 1) return true;
+    return size >= 4 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1;
+}
+
+std::string InBandHeaderOf(AVCodecID codec, const uint8_t* data, size_t size) {
+    if (IsMpegVideo(codec)) return MpegSequenceHeader(data, size);
+    std::string out;
+    if (!CarriesInBandHeader(codec) || !IsAnnexB(data, size)) return out;
+    for (const Unit& unit : SplitAnnexB(data, size)) {
+        if (unit.begin < unit.end && IsParameterSet(codec, NalType(codec, data[unit.begin])))
+            AppendUnit(out, data + unit.begin, unit.end - unit.begin);
+    }
+    return out;
+}
+
+bool HasInBandHeader(AVCodecID codec, const uint8_t* data, size_t size) {
+    if (IsMpegVideo(codec)) return !MpegSequenceHeader(data, size).empty();
+    if (!CarriesInBandHeader(codec) || !IsAnnexB(data, size)) return false;
+    for (const Unit& unit : SplitAnnexB(data, size)) {
+        if (unit.begin < unit.end && IsSequenceParameterSet(codec, NalType(codec, data[unit.begin]))) return true;
+    }
+    return false;
+}
+
+std::string AnnexBFromConfigurationRecord(AVCodecID codec, const uint8_t* extradata, size_t size) {
+    if (extradata == nullptr || size == 0 || extradata[0] != 1) return std::string();
+    if (codec == AV_CODEC_ID_H264) return FromAvcC(extradata, size);
+    if (codec == AV_CODEC_ID_HEVC) return FromHvcC(extradata, size);
+    return std::string();
+}
+
+}  // namespace thorough

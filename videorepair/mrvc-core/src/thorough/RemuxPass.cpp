@@ -1,0 +1,95 @@
+#include "thorough/RemuxPass.h"
+
+#include <chrono>
+
+#include "thorough/MediaTally.h"
+#include "thorough/MuxWriter.h"
+#include "thorough/StreamRestorer.h"
+
+namespace thorough {
+namespace {
+
+constexpr int kPacketsBetweenChecks = 128;
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The pieces of one pass, set up for the demuxer's streams.
+struct PassStreams {
+    StreamRestorer restorer;
+    MediaTally read, kept;
+    std::vector<int> outputIndex;  // -1: not written
+};
+
+void SetUp(PassStreams& streams, Demuxer& input, MuxWriter* writer, const PassSettings& settings) {
+    streams.restorer.Prepare(input.Context());
+    for (unsigned i = 0; i < input.StreamCount(); ++i) {
+        AVStream* stream = input.Stream(i);
+        const AVCodecParameters* restored = streams.restorer.Parameters(i);
+        AVRational rate = streams.restorer.FrameRate(i);
+        streams.read.AddStream(settings.countRead ? stream->codecpar : nullptr, stream->time_base, rate,
+                               settings.fullDecodeCheck);
+        int index = writer != nullptr ? writer->AddStream(restored, stream->time_base, rate) : -1;
+        streams.outputIndex.push_back(index);
+        bool kept = writer == nullptr || index >= 0;
+        streams.kept.AddStream(kept ? restored : nullptr, stream->time_base, rate, settings.fullDecodeCheck);
+    }
+}
+
+}  // namespace
+
+PassResult RemuxPass::Run(Demuxer& input, const std::wstring& outputPath, const MuxerChoice& muxer,
+                          const PassSettings& settings) {
+    PassResult result;
+    MuxWriter writer;
+    MuxWriter* out = nullptr;
+    if (!outputPath.empty()) {
+        if (!writer.Open(outputPath, muxer)) {
+            result.error = writer.Error();
+            return result;
+        }
+        out = &writer;
+    }
+    PassStreams streams{StreamRestorer(sample_), {}, {}, {}};
+    SetUp(streams, input, out, settings);
+
+    PacketPtr packet = NewPacket();
+    for (int64_t n = 0; input.Read(packet.get()); ++n) {
+        unsigned index = unsigned(packet->stream_index);
+        AVRational base = input.Stream(index)->time_base;
+        auto judging = Clock::now();
+        if (settings.countRead) streams.read.Count(packet.get(), index);
+        bool keep = index < streams.outputIndex.size() && streams.restorer.Fix(packet.get());
+        if (keep && (out == nullptr || streams.outputIndex[index] >= 0)) streams.kept.Count(packet.get(), index);
+        result.judgeSeconds += SecondsSince(judging);
+        if (keep && out != nullptr && streams.outputIndex[index] >= 0 &&
+            !out->Write(packet.get(), streams.outputIndex[index], base)) {
+            break;
+        }
+        av_packet_unref(packet.get());
+        if (n % kPacketsBetweenChecks != 0) continue;
+        if (settings.totalBytes > 0)
+            control_.Progress(settings.progress.At(double(input.Consumed()) / double(settings.totalBytes)));
+        if (control_.ShouldStop()) {
+            result.stopped = true;
+            break;
+        }
+    }
+    auto judging = Clock::now();
+    streams.read.Finish();
+    streams.kept.Finish();
+    result.judgeSeconds += SecondsSince(judging);
+    result.read = streams.read.Result();
+    result.kept = streams.kept.Result();
+    result.restorations = streams.restorer.Restorations();
+    if (out != nullptr) {
+        result.written = out->Finish();
+        result.error = out->Error();
+    }
+    return result;
+}
+
+}  // namespace thorough

@@ -1,0 +1,212 @@
+#include "thorough/ThoroughRepair.h"
+
+#include <Poco/File.h>
+#include <Poco/Path.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "OutputNaming.h"
+#include "RepairLog.h"
+#include "io/FileReader.h"
+#include "io/FileWriter.h"
+#include "io/RangeCopy.h"
+#include "platform/Platform.h"
+#include "thorough/RemuxPass.h"
+
+namespace thorough {
+namespace {
+
+const char* const kLogSource = "videorepair/mrvc-core/src/thorough/ThoroughRepair";
+
+const char* KindName(ThoroughVerdict kind) {
+    switch (kind) {
+        case kVerdictRebuilt: return "rebuilt";
+        case kVerdictRemuxed: return "remuxed";
+        case kVerdictAsIs: return "as is";
+        default: return "none";
+    }
+}
+
+std::string CountText(const ThoroughMediaCount& count) {
+    char text[128];
+    std::snprintf(text, sizeof text, "%lld video frames, %.1f s of audio", (long long)count.videoFrames,
+                  count.audioSeconds);
+    return text;
+}
+
+bool RemoveFile(const std::wstring& path) {
+    try {
+        Poco::File file(platform::ToNarrow(path));
+        if (file.exists()) file.remove();
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool CopyWhole(const std::wstring& from, const std::wstring& to) {
+    FileReader in(FileWriter::kPieceBytes * 2);
+    FileWriter out;
+    if (!in.Open(from) || !out.Create(to)) return false;
+    int64_t copied = CopyFileRange(in, out, 0, in.Size());
+    return out.Close() && copied == in.Size();
+}
+
+bool MoveFile(const std::wstring& from, const std::wstring& to) {
+    try {
+        RemoveFile(to);
+        Poco::File(platform::ToNarrow(from)).renameTo(platform::ToNarrow(to));
+        return true;
+    } catch (...) {
+        return CopyWhole(from, to) && RemoveFile(from);
+    }
+}
+
+}  // namespace
+
+int ThoroughRepair::Run(ThoroughOutcome& outcome) {
+    if (!Readable()) return -1;
+    bool carving = static_cast<bool>(job_.carvingRepair);
+    plan_ = carving ? Plan{{2, 40}, {40, 55}, {55, 80}, {80, 97}} : Plan{{2, 70}, {70, 97}, {}, {}};
+    SampleModel sample;
+    if (sample.Load(job_.samplePath)) Log(kLogInfo, "[Thorough] sample streams:", std::to_string(sample.Streams().size()));
+    control_.Progress(plan_.rebuild.from);
+
+    Candidate asIs{kVerdictAsIs, std::wstring(), {}, true};
+    bool asIsCounted = false;
+    std::vector<Candidate> candidates{Rebuild(sample, asIs, asIsCounted)};
+    if (!asIsCounted && !control_.ShouldStop()) CountAsIs(sample, asIs);
+    if (carving && !control_.ShouldStop()) candidates.push_back(FromCarvingRepair(sample));
+
+    Candidate best = asIs;
+    for (const Candidate& c : candidates)
+        if (Better(c, best)) best = c;
+    Explain(best, asIs, outcome);
+    if (ScoreOf(best.count) <= 0) {
+        RemoveTemporaries(std::wstring());
+        Log(kLogError, "[Thorough] nothing playable was found in:", platform::ToNarrow(job_.damagedPath));
+        return -1;
+    }
+    bool kept = Keep(best);
+    RemoveTemporaries(best.path);
+    if (!kept) return -1;
+    control_.Progress(100);
+    return 0;
+}
+
+bool ThoroughRepair::Readable() {
+    int fd = platform::OpenForRead(job_.damagedPath);
+    if (fd >= 0) {
+        size_ = platform::Seek(fd, 0, SEEK_END);
+        platform::Close(fd);
+    }
+    if (fd < 0 || size_ <= 0) {
+        Log(kLogError, "[Thorough] cannot read the damaged file:", platform::ToNarrow(job_.damagedPath));
+        return false;
+    }
+    return true;
+}
+
+std::wstring ThoroughRepair::TemporaryPath() {
+    Poco::Path output(platform::ToNarrow(job_.outputPath));
+    std::string name = ".vr-" + platform::ToNarrow(naming::NewUuidText()) + "." + output.getExtension();
+    std::wstring path = platform::ToWide(Poco::Path(output.parent(), name).toString());
+    temporaries_.push_back(path);
+    return path;
+}
+
+Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted) {
+    std::unique_ptr<ContainerStrategy> strategy = StrategyFor(job_.formatName);
+    std::unique_ptr<ByteSource> cleaned = strategy->Clean(job_.damagedPath, job_.samplePath, control_.Log());
+    bool remux = cleaned == nullptr;
+    Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false};
+    Demuxer input;
+    bool opened = remux ? input.OpenFile(job_.damagedPath) : input.OpenSource(std::move(cleaned), strategy->CleanedFormat());
+    muxer_ = strategy->Muxer();
+    if (!opened) {
+        Log(kLogWarning, "[Thorough] no stream could be read from the damaged file:", strategy->Name());
+        asIsCounted = remux;  // the file does not open as it is either
+        return candidate;
+    }
+    PassSettings settings{job_.fullDecodeCheck, remux, size_, plan_.rebuild};
+    candidate.path = TemporaryPath();
+    PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
+    judgeSeconds_ += result.judgeSeconds;
+    candidate.count = result.kept;
+    candidate.usable = result.written;
+    if (remux) asIs.count = result.read, asIsCounted = true;
+    for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
+    if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
+    if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);
+    return candidate;
+}
+
+void ThoroughRepair::CountAsIs(const SampleModel& sample, Candidate& asIs) {
+    auto start = std::chrono::steady_clock::now();
+    Demuxer input;
+    if (input.OpenFile(job_.damagedPath)) {
+        PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.asIs};
+        asIs.count = RemuxPass(sample, control_).Run(input, std::wstring(), MuxerChoice(), settings).read;
+    }
+    judgeSeconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+Candidate ThoroughRepair::FromCarvingRepair(const SampleModel& sample) {
+    std::wstring directory = platform::ToWide(Poco::Path(platform::ToNarrow(job_.outputPath)).parent().toString());
+    std::wstring carved = job_.carvingRepair(directory, plan_.carving);
+    if (carved.empty()) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    temporaries_.push_back(carved);
+    return Remux(sample, carved, plan_.carvingRemux);
+}
+
+Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress) {
+    Candidate candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    Demuxer input;
+    if (!input.OpenFile(source)) return candidate;
+    int64_t size = 0;
+    if (int fd = platform::OpenForRead(source); fd >= 0) {
+        size = platform::Seek(fd, 0, SEEK_END);
+        platform::Close(fd);
+    }
+    candidate.path = TemporaryPath();
+    PassSettings settings{job_.fullDecodeCheck, false, size, progress};
+    PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
+    judgeSeconds_ += result.judgeSeconds;
+    candidate.count = result.kept;
+    candidate.usable = result.written;
+    return candidate;
+}
+
+bool ThoroughRepair::Keep(const Candidate& best) {
+    bool kept = best.kind == kVerdictAsIs ? CopyWhole(job_.damagedPath, job_.outputPath)
+                                          : MoveFile(best.path, job_.outputPath);
+    if (!kept) Log(kLogError, "[Thorough] writing the repaired file failed:", platform::ToNarrow(job_.outputPath));
+    return kept;
+}
+
+void ThoroughRepair::RemoveTemporaries(const std::wstring& except) {
+    for (const std::wstring& path : temporaries_)
+        if (path != except) RemoveFile(path);
+    temporaries_.clear();
+}
+
+void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, ThoroughOutcome& outcome) const {
+    outcome.verdict = best.kind;
+    outcome.damaged = asIs.count;
+    outcome.repaired = best.count;
+    outcome.judgeSeconds = judgeSeconds_;
+    outcome.reason = best.kind == kVerdictAsIs
+                         ? "kept the damaged file as it is (" + CountText(asIs.count) +
+                               "): no rebuilt file played better"
+                         : std::string(KindName(best.kind)) + ": " + CountText(best.count) + " against " +
+                               CountText(asIs.count) + " in the damaged file as it is";
+    Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
+    Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));
+}
+
+void ThoroughRepair::Log(int level, const std::string& message, const std::string& value) const {
+    VR_LOG(control_.Log(), level, message, value);
+}
+
+}  // namespace thorough

@@ -1,0 +1,71 @@
+// The thorough repair, the same for every container: learn from the sample, take
+// what the damaged file's own structure still gives, carve the rest through the
+// container's strategy, restore what the damage removed, write in process, and
+// judge the result against the damaged file as it is. The better file is kept.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "VideoRepairOptions.h"
+#include "thorough/MediaTally.h"
+#include "thorough/RepairControl.h"
+#include "thorough/SampleModel.h"
+#include "thorough/strategies/ContainerStrategy.h"
+
+namespace thorough {
+
+struct ThoroughJob {
+    std::wstring damagedPath;
+    std::wstring samplePath;     // may be empty
+    std::wstring outputPath;     // where the kept file goes
+    std::string formatName;      // the engine's ("avi", "mpeg", "mts", ...)
+    bool fullDecodeCheck = false;
+    // The container's own carving repair, where it runs in process: writes its
+    // result into the given directory and returns its path (empty on failure).
+    std::function<std::wstring(const std::wstring& directory, ProgressRange progress)> carvingRepair;
+};
+
+struct ThoroughOutcome {
+    ThoroughVerdict verdict = kVerdictNone;
+    ThoroughMediaCount damaged{};
+    ThoroughMediaCount repaired{};
+    double judgeSeconds = 0;
+    std::string reason;
+};
+
+class ThoroughRepair {
+public:
+    ThoroughRepair(ThoroughJob job, RepairControl& control) : job_(std::move(job)), control_(control) {}
+
+    // 0 with the kept file at job.outputPath; -1 when nothing could be written.
+    int Run(ThoroughOutcome& outcome);
+
+private:
+    // Where each pass's progress goes on the bar.
+    struct Plan {
+        ProgressRange rebuild, asIs, carving, carvingRemux;
+    };
+
+    bool Readable();
+    std::wstring TemporaryPath();
+    Candidate Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted);
+    void CountAsIs(const SampleModel& sample, Candidate& asIs);
+    Candidate FromCarvingRepair(const SampleModel& sample);
+    Candidate Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress);
+    bool Keep(const Candidate& best);
+    void RemoveTemporaries(const std::wstring& except);
+    void Explain(const Candidate& best, const Candidate& asIs, ThoroughOutcome& outcome) const;
+    void Log(int level, const std::string& message, const std::string& value) const;
+
+    ThoroughJob job_;
+    RepairControl& control_;
+    Plan plan_;
+    int64_t size_ = 0;
+    double judgeSeconds_ = 0;
+    MuxerChoice muxer_;
+    std::vector<std::wstring> temporaries_;
+};
+
+}  // namespace thorough
