@@ -1,4 +1,5 @@
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/MpegTsStrategy.h"
 
 namespace thorough {
 namespace {
@@ -17,6 +18,7 @@ private:
 }  // namespace
 
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
+    if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
     return std::make_unique<PlainStrategy>(formatName);
 }
 
