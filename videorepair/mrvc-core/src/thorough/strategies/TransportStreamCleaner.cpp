@@ -35,7 +35,13 @@ bool TransportStreamCleaner::Open(const std::wstring& damagedPath, const std::ws
         VR_LOG(log_, kLogError, "No transport stream packets in the damaged file", reader_.Size());
         return false;
     }
+    // The size comes from a long run; the stream is then taken up from the start
+    // with the shorter run at that size, so that damage within the first packets
+    // does not cost the packets before it.
     firstPacketSize_ = packetSize_;
+    cursor_ = 0;
+    locked_ = false;
+    FindStream();
     VR_LOG(log_, kLogInfo, "Transport stream packet size", int32_t(packetSize_));
     VR_LOG(log_, kLogInfo, "First packet at", cursor_);
     return true;

@@ -62,27 +62,47 @@ bool RunHolds(const uint8_t* data, size_t length, bool atFileEnd, size_t at, int
     return true;
 }
 
+int RunLength(const uint8_t* data, size_t length, size_t at, int stride, int most) {
+    int count = 0;
+    for (size_t sync = at; count < most && sync + kPacketBytes <= length && data[sync] == kSyncByte; sync += size_t(stride)) {
+        ++count;
+    }
+    return count;
+}
+
+namespace {
+
+SyncRun LongestNear(const uint8_t* data, size_t length, size_t at, int stride) {
+    SyncRun best{int64_t(at), stride};
+    int bestLength = RunLength(data, length, at, stride, kCompareRun);
+    for (size_t later = at + 1; later <= at + size_t(stride) - kPacketBytes; ++later) {
+        const int runLength = RunLength(data, length, later, stride, kCompareRun);
+        if (runLength > bestLength) {
+            best.at = int64_t(later);
+            bestLength = runLength;
+        }
+    }
+    return best;
+}
+
+}  // namespace
+
 SyncRun FindRun(const uint8_t* data, size_t from, size_t limit, size_t length, bool atFileEnd, int preferred) {
-    SyncRun run;
     while (from < limit) {
         const void* hit = std::memchr(data + from, kSyncByte, limit - from);
         if (hit == nullptr) break;
         const size_t at = size_t(static_cast<const uint8_t*>(hit) - data);
         if (preferred != 0 && RunHolds(data, length, atFileEnd, at, preferred, kResyncRun)) {
-            run.at = int64_t(at);
-            run.packetSize = preferred;
-            return run;
+            return LongestNear(data, length, at, preferred);
         }
         for (int size : kPacketSizes) {
             if (size != preferred && RunHolds(data, length, atFileEnd, at, size, kDetectRun)) {
-                run.at = int64_t(at);
-                run.packetSize = size;
-                return run;
+                return LongestNear(data, length, at, size);
             }
         }
         from = at + 1;
     }
-    return run;
+    return SyncRun();
 }
 
 }  // namespace ts

@@ -22,8 +22,10 @@ constexpr int kNullPid = 0x1FFF;
 constexpr int kDetectRun = 16;
 // Consecutive syncs at the known stride that take a stream back after a loss.
 constexpr int kResyncRun = 5;
-// Bytes a run check may look ahead of its first sync.
-constexpr size_t kRunReach = size_t(kDetectRun) * 204 + kPacketBytes;
+// Packets a run is followed for when two runs compete (see FindRun).
+constexpr int kCompareRun = 64;
+// Bytes a run search may look ahead of its first sync.
+constexpr size_t kRunReach = size_t(kCompareRun) * 204 + 204;
 
 // Bytes of a stored packet in front of its sync byte.
 inline int PrefixBytes(int packetSize) { return packetSize == 192 ? 4 : 0; }
@@ -61,10 +63,17 @@ struct SyncRun {
 // kResyncRun complete packets is then enough.
 bool RunHolds(const uint8_t* data, size_t length, bool atFileEnd, size_t at, int stride, int want);
 
+// Consecutive syncs from data[at] at the stride, up to most.
+int RunLength(const uint8_t* data, size_t length, size_t at, int stride, int most);
+
 // The first sync in data[from, limit) that starts a run: kResyncRun packets at
-// the preferred stride (0: none known), or kDetectRun at any other size. Runs
-// may look up to length, which must reach kRunReach past limit unless the data
-// ends with the file.
+// the preferred stride (0: none known), or kDetectRun at any other size. Bytes
+// between packets (a 192-byte packet's header, a 204-byte one's parity) may
+// hold a sync byte at the same place for a while, as a header's time stamp
+// passes 0x47; such a run starts just before the true one and ends sooner, so
+// the longest run that starts within those bytes is taken. Runs may look up to
+// length, which must reach kRunReach past limit unless the data ends with the
+// file.
 SyncRun FindRun(const uint8_t* data, size_t from, size_t limit, size_t length, bool atFileEnd, int preferred);
 
 }  // namespace ts
