@@ -1,4 +1,5 @@
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/MpegPsStrategy.h"
 
 namespace thorough {
 namespace {
@@ -17,6 +18,7 @@ private:
 }  // namespace
 
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
+    if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
     return std::make_unique<PlainStrategy>(formatName);
 }
 
