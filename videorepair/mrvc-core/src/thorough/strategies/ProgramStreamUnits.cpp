@@ -128,7 +128,12 @@ bool Mpeg1PesHeader(const uint8_t* d, size_t size) {
     return false;
 }
 
-bool CarriesPesHeader(uint8_t id) { return id == kPrivateStream1 || (id >= 0xC0 && id <= 0xEF); }
+// Every stream but the map, padding, private stream 2, ECM, EMM, DSM-CC, H.222.1
+// type E and the directory has the PES header (0xFD carries VC-1 on HD discs).
+bool CarriesPesHeader(uint8_t id) {
+    if (id == kPrivateStream1 || (id >= 0xC0 && id <= 0xEF)) return true;
+    return id >= 0xF3 && id <= 0xFE && id != 0xF8;
+}
 
 Verdict JudgePes(const uint8_t* d, size_t n, Unit& unit) {
     if (n < 6) return Verdict::kShort;
@@ -171,7 +176,7 @@ Verdict WhatFollows(const uint8_t* d, size_t n, size_t end, bool windowReachesEn
 
 }  // namespace
 
-bool IsSystemId(uint8_t id) { return id >= kEndId && id <= 0xEF; }
+bool IsSystemId(uint8_t id) { return id >= kEndId; }
 
 Verdict JudgeUnit(const uint8_t* d, size_t n, Unit& unit) {
     if (n < 4) return Verdict::kShort;

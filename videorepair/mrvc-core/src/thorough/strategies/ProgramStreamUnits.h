@@ -33,7 +33,7 @@ constexpr uint8_t kPaddingId = 0xBE;
 constexpr uint8_t kPrivateStream2 = 0xBF;
 constexpr size_t kLongestUnit = 6 + 65535;
 
-// True for the ids a program stream's units start with (B9 to EF).
+// True for the ids a program stream's units start with (B9 to FF).
 bool IsSystemId(uint8_t id);
 
 // Judges the unit at d[0, n). kShort: the header needs more bytes than n, or the
