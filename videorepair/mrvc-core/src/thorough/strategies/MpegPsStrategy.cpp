@@ -38,7 +38,8 @@ std::unique_ptr<ByteSource> MpegPsStrategy::Clean(const std::wstring& damagedPat
 // (private stream 2) come out of the demuxer as a data stream that the program
 // stream muxers cannot carry, and the "dvd" muxer would only put placeholder
 // navigation packets with no real addresses in their place, under DVD limits
-// the repaired stream need not meet.
+// the repaired stream need not meet. With no pack found at all, MPEG-2 is the
+// likelier form.
 MuxerChoice MpegPsStrategy::Muxer() const {
     MuxerChoice choice;
     choice.name = form_ == ps::PackForm::kMpeg1 ? "mpeg" : "vob";
