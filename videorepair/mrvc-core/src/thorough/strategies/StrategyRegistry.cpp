@@ -1,4 +1,5 @@
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/MpegPsStrategy.h"
 #include "thorough/strategies/MpegTsStrategy.h"
 
 #include <map>
@@ -31,6 +32,7 @@ std::string MuxerFor(const std::string& formatName) {
 
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
+    if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
     return std::make_unique<PlainStrategy>(formatName);
 }
 
