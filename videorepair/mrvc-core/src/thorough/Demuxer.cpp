@@ -12,6 +12,10 @@ constexpr int64_t kAnalyzeMicroseconds = 20 * int64_t(AV_TIME_BASE);
 
 }  // namespace
 
+void QuietFfmpegLog() {
+    if (av_log_get_level() == AV_LOG_INFO) av_log_set_level(AV_LOG_QUIET);
+}
+
 Demuxer::~Demuxer() {
     input_.reset();
     if (io_ != nullptr) {
@@ -43,7 +47,9 @@ bool Demuxer::OpenSource(std::unique_ptr<ByteSource> source, const std::string& 
 
 bool Demuxer::Open(AVFormatContext* context, const char* url, const std::string& format) {
     if (context == nullptr) return false;
-    context->flags |= AVFMT_FLAG_GENPTS | AVFMT_FLAG_DISCARD_CORRUPT;
+    // Packets flagged corrupt stay: a frame damaged at its end still decodes mostly
+    // right, and dropping a reference frame would break its whole group of pictures.
+    context->flags |= AVFMT_FLAG_GENPTS;
     context->error_recognition = 0;
     context->probesize = kProbeBytes;
     context->max_analyze_duration = kAnalyzeMicroseconds;

@@ -1,5 +1,6 @@
 // libavformat reading either a file or a strategy's cleaned byte source, told to
-// keep going over damage: corrupt packets are dropped, missing timestamps made up.
+// keep going over damage: missing timestamps are made up, and a few read errors
+// in a row are stepped over.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,10 @@
 #include "thorough/ByteSource.h"
 
 namespace thorough {
+
+// FFmpeg reports every damaged packet on standard error, where a host's own
+// output would drown in it. Silenced unless the host chose a log level itself.
+void QuietFfmpegLog();
 
 class Demuxer {
 public:

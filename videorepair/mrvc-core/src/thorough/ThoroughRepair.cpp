@@ -12,6 +12,7 @@
 #include "io/FileWriter.h"
 #include "io/RangeCopy.h"
 #include "platform/Platform.h"
+#include "thorough/Demuxer.h"
 #include "thorough/RemuxPass.h"
 
 namespace thorough {
@@ -66,6 +67,7 @@ bool MoveFile(const std::wstring& from, const std::wstring& to) {
 }  // namespace
 
 int ThoroughRepair::Run(ThoroughOutcome& outcome) {
+    QuietFfmpegLog();
     if (!Readable()) return -1;
     bool carving = static_cast<bool>(job_.carvingRepair);
     plan_ = carving ? Plan{{2, 40}, {40, 55}, {55, 80}, {80, 97}} : Plan{{2, 70}, {70, 97}, {}, {}};

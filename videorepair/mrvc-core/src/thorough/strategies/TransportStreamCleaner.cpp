@@ -64,10 +64,10 @@ int64_t TransportStreamCleaner::Read(uint8_t* buffer, size_t size) {
     return int64_t(copied);
 }
 
-// Follows the stride while every packet's successor is where it should be. A
-// packet whose successor is missing is dropped with what broke the stride: a
-// cut or an overwrite cannot be told from inserted garbage, and a lost packet
-// costs the demuxer less than a wrong one.
+// Follows the stride while every packet starts with its sync byte. The packet in
+// front of damage is kept as a demuxer would keep it: most damage overwrites
+// whole packets, and that packet is often the start of a reference frame whose
+// loss would break its whole group of pictures.
 bool TransportStreamCleaner::Produce() {
     while (pending_.empty()) {
         if (finished_) return false;
@@ -121,13 +121,9 @@ bool TransportStreamCleaner::WindowAtCursor() {
     return true;
 }
 
-// A sync here and the next one a stride on, or the file ending after a whole
-// packet.
+// A whole packet with its sync byte where the stride puts it.
 bool TransportStreamCleaner::ConfirmedAtCursor() const {
-    if (window_[0] != ts::kSyncByte || windowLength_ < ts::kPacketBytes) return false;
-    const size_t next = size_t(packetSize_);
-    if (next < windowLength_) return window_[next] == ts::kSyncByte;
-    return windowAtEnd_;
+    return window_[0] == ts::kSyncByte && windowLength_ >= ts::kPacketBytes;
 }
 
 void TransportStreamCleaner::Emit(const uint8_t* packet) {
