@@ -29,7 +29,8 @@ demo: build
 bench: build
 	@$(BUILD_DIR)/bin/vr_bench --size $(BENCH_SIZE) --runs $(BENCH_RUNS) --out bench/results
 
-# Recovery quality: short clips per container and codec, seven damage models, three repairs.
+# Recovery quality: short clips per container, writer and codec, seven damage models; the damaged file,
+# ffmpeg's copy, the compatible and the thorough repair scored on decodable and bit-exact frames.
 bench-quality: build
 	@$(BUILD_DIR)/bin/vr_quality --out bench/results
 

@@ -4,7 +4,7 @@
 // that its peak resident memory is its own.
 //
 //   vr_bench [--size BYTES] [--runs N] [--cache DIR] [--out DIR] [--only NAME]
-//   vr_bench --child repair|cancel LIBRARY DAMAGED SAMPLE   (internal, see RepairChild.h)
+//   vr_bench --child repair|cancel|thorough LIBRARY DAMAGED SAMPLE [OUTPUT] (internal, see RepairChild.h)
 #include <algorithm>
 #include <chrono>
 #include <cstdio>

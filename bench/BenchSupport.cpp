@@ -1,5 +1,7 @@
 #include "BenchSupport.h"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -15,35 +17,55 @@
 
 namespace bench {
 
-Measurement Run(const std::vector<std::string>& argv, const std::string& stdoutPath) {
+Measurement Run(const std::vector<std::string>& argv, const std::string& stdoutPath, double limitSeconds) {
     Measurement m;
+    // Everything the child needs is made before fork: after it, in a program with
+    // threads, only async-signal-safe calls are allowed.
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    const char* outPath = stdoutPath.c_str();
     auto start = std::chrono::steady_clock::now();
     pid_t pid = fork();
     if (pid == 0) {
-        FILE* out = std::freopen(stdoutPath.c_str(), "w", stdout);
-        FILE* err = std::freopen("/dev/null", "w", stderr);
-        FILE* in = std::freopen("/dev/null", "r", stdin);
-        (void)out, (void)err, (void)in;
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
+        if (limitSeconds > 0) setpgid(0, 0);
+        int out = open(outPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int null = open("/dev/null", O_RDWR);
+        if (out >= 0) dup2(out, 1);
+        if (null >= 0) dup2(null, 2), dup2(null, 0);
         execvp(args[0], args.data());
         _exit(127);
     }
+    if (pid < 0) return m;
     int status = 0;
     rusage usage{};
-    wait4(pid, &status, 0, &usage);
+    if (limitSeconds <= 0) {
+        wait4(pid, &status, 0, &usage);
+    } else {
+        setpgid(pid, pid);  // also here: the child may not have run yet
+        for (;;) {
+            pid_t done = wait4(pid, &status, WNOHANG, &usage);
+            if (done == pid || done < 0) break;
+            if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > limitSeconds) {
+                kill(-pid, SIGKILL);
+                wait4(pid, &status, 0, &usage);
+                m.timedOut = true;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
     m.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     m.peakKiB = usage.ru_maxrss;
-    m.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    m.exitCode = WIFEXITED(status) && !m.timedOut ? WEXITSTATUS(status) : -1;
     return m;
 }
 
-std::string Capture(const std::vector<std::string>& argv) {
+std::string Capture(const std::vector<std::string>& argv, double limitSeconds) {
     char name[] = "/tmp/vr_bench_capture_XXXXXX";
     int fd = mkstemp(name);
     close(fd);
-    Run(argv, name);
+    Run(argv, name, limitSeconds);
     std::ifstream in(name);
     std::stringstream ss;
     ss << in.rdbuf();

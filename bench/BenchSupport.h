@@ -11,12 +11,16 @@ struct Measurement {
     double seconds = 0;
     long peakKiB = 0;  // the child's own peak resident set (wait4)
     int exitCode = -1;
+    bool timedOut = false;  // killed (with the programs it started) at the time limit
 };
 
-// Runs argv (no shell), stdout to stdoutPath, stderr and stdin to /dev/null.
-Measurement Run(const std::vector<std::string>& argv, const std::string& stdoutPath = "/dev/null");
+// Runs argv (no shell), stdout to stdoutPath, stderr and stdin to /dev/null. With a
+// time limit (seconds, 0 for none) the child runs in its own process group, which is
+// killed when the limit passes. Safe to call from several threads at once.
+Measurement Run(const std::vector<std::string>& argv, const std::string& stdoutPath = "/dev/null",
+                double limitSeconds = 0);
 // Runs argv and returns what it printed on stdout.
-std::string Capture(const std::vector<std::string>& argv);
+std::string Capture(const std::vector<std::string>& argv, double limitSeconds = 0);
 
 std::string Arg(int argc, char** argv, const std::string& name, const std::string& fallback);
 double Median(std::vector<double> v);

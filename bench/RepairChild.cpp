@@ -6,6 +6,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <cwchar>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -13,6 +15,7 @@
 #include "IVideoRepairManager.h"
 #include "IVideoRepairObserver.h"
 #include "VideoRepairExport.h"
+#include "VideoRepairOptions.h"
 
 namespace bench {
 namespace {
@@ -65,6 +68,41 @@ int RepairOnce(IVideoRepairManager* manager, TimingObserver& observer, const std
     return repaired && !path.empty() ? 0 : 1;
 }
 
+const char* VerdictName(int32_t verdict) {
+    switch (verdict) {
+        case kVerdictNone: return "none";
+        case kVerdictRebuilt: return "rebuilt";
+        case kVerdictRemuxed: return "remuxed";
+        case kVerdictAsIs: return "as-is";
+        default: return "unknown";
+    }
+}
+
+// The thorough repair into `output`: prints the repaired path as RepairOnce does and
+// "vr_bench-thorough <return code> <verdict> <reason>" (verdict "fail" when the call
+// answered an error).
+int RepairThorough(IVideoRepairManager* manager, const std::string& damaged, const std::string& sample,
+                   const std::string& output) {
+    ThoroughRepairOptions opts{};
+    opts.size = sizeof opts;
+    opts.flags = 0;
+    std::wstring out = Wide(output);
+    opts.outputPath = output.empty() ? nullptr : out.c_str();
+    int rc = manager->RepairWithOptions(Wide(damaged).c_str(), Wide(sample).c_str(), kRepairOptionThorough, &opts);
+    std::string path;
+    if (rc == 0) {
+        wchar_t got[4096];
+        if (manager->GetRepairedFilePath(got, Wide(damaged).c_str()) == 0) path = std::string(got, got + std::wcslen(got));
+        if (path.empty() || !std::filesystem::exists(path)) path = std::filesystem::exists(output) ? output : std::string();
+    }
+    std::string reason(opts.reason, strnlen(opts.reason, sizeof opts.reason));
+    for (char& c : reason)
+        if (c == '\n' || c == '\r') c = ' ';
+    std::printf("\nvr_bench-repaired %s\nvr_bench-thorough %d %s %s\n", path.c_str(), rc,
+                rc == 0 ? VerdictName(opts.verdict) : "fail", reason.c_str());
+    return rc == 0 && !path.empty() ? 0 : 1;
+}
+
 // Cancels once the engine reports progress (its scan is under way) and a little more.
 void CancelDuringScan(IVideoRepairManager* manager, TimingObserver& observer, const std::string& damaged,
                       const std::string& sample) {
@@ -99,6 +137,8 @@ int ChildMain(int argc, char** argv) {
     int rc = 0;
     if (mode == "repair")
         rc = RepairOnce(manager, observer, damaged, sample, launched);
+    else if (mode == "thorough")
+        rc = RepairThorough(manager, damaged, sample, argc > 6 ? argv[6] : "");
     else
         CancelDuringScan(manager, observer, damaged, sample);
     manager->Release();
