@@ -154,14 +154,21 @@ std::vector<StreamCase> StreamCases() {
     const Bytes audio = Pes(0xC0, Cat({{0x81, 0x80, 0x05}, kPts}), 90);
     const Bytes cut(video.begin(), video.begin() + 100), zeros(300, 0), noise = Garbage(500);
     const Bytes falsePrefix = Cat({Garbage(50), {0, 0, 1, 0xE0, 0, 9}, Garbage(50)});
+    // A cut unit whose header is right still takes its declared length, as a
+    // demuxer takes it: the rest of its bytes come from what follows.
+    const size_t rest = video.size() - cut.size();
+    const Bytes zerosTaken(rest, 0), zerosLeft(zeros.size() - rest, 0);
+    const Bytes noiseTaken(noise.begin(), noise.begin() + long(rest)), noiseLeft(noise.begin() + long(rest), noise.end());
     return {
         {"zero_hole_between_packs", {K(kPack2), K(video), D(zeros), K(kPack2), K(audio)}},
-        {"zero_hole_inside_packet", {K(kPack2), K(video), K(kPack2), D(cut), D(zeros), K(kPack2), K(audio), K(kEnd)}},
-        {"garbage_between_packs", {K(kPack2), D(video), D(noise), K(kPack2), K(audio)}},
-        {"garbage_with_false_prefix", {K(kPack1), D(audio), D(falsePrefix), K(kPack1), K(audio)}},
-        {"packet_cut_by_garbage", {K(kPack2), K(video), K(kPack2), D(cut), D(noise), K(kPack2), K(audio)}},
+        {"zero_hole_inside_packet",
+         {K(kPack2), K(video), K(kPack2), K(cut), K(zerosTaken), D(zerosLeft), K(kPack2), K(audio), K(kEnd)}},
+        {"garbage_between_packs", {K(kPack2), K(video), D(noise), K(kPack2), K(audio)}},
+        {"garbage_with_false_prefix", {K(kPack1), K(audio), D(falsePrefix), K(kPack1), K(audio)}},
+        {"garbage_first", {D(noise), K(kPack2), K(audio)}},
+        {"packet_cut_by_garbage", {K(kPack2), K(video), K(kPack2), K(cut), K(noiseTaken), D(noiseLeft), K(kPack2), K(audio)}},
         {"packet_cut_by_end_of_file", {K(kPack2), K(audio), K(kPack2), D(cut)}},
-        {"short_hole_is_not_a_hole", {K(kPack2), D(audio), D(Bytes(20, 0)), K(kPack2), K(audio)}},
+        {"short_hole", {K(kPack2), K(audio), D(Bytes(20, 0)), K(kPack2), K(audio)}},
         {"system_header_and_padding", {K(kPack2), K(kSystem), K(Pes(0xBE, {}, 40)), K(Pes(0xBF, {1}, 40)), K(kEnd)}},
     };
 }
@@ -293,8 +300,8 @@ size_t Damage(int kind, std::string& file, size_t packBytes) {
 
 class MpegPsRoad : public ::testing::TestWithParam<Media> {};
 
-// The cleaned copy of a damaged stream holds only whole units of the original
-// and demuxes to its packets, less those the damage covered.
+// The cleaned copy of a damaged stream holds whole units of the original (and the
+// one the damage began in) and demuxes to its packets, less those the damage covered.
 TEST_P(MpegPsRoad, DamagedStreamDemuxesToThePacketsLeft) {
     const Media& m = GetParam();
     const std::string path = GeneratedMedia(m.name, {"-f", "lavfi", "-i", "testsrc=size=320x240:rate=25:duration=4",
@@ -324,7 +331,8 @@ TEST_P(MpegPsRoad, DamagedStreamDemuxesToThePacketsLeft) {
         EXPECT_EQ(source->Consumed(), int64_t(file.size())) << kind;
         // With the intact file as the sample, and again through the smallest window.
         const Bytes out = Drain(*strategy->Clean(dir.wfile(m.name), Wide(path), nullptr));
-        EXPECT_EQ(UnitsNotInOriginal(out, ReadFile(path)), 0) << kind;
+        // Only the unit that the damage began in may differ from the original's.
+        EXPECT_LE(UnitsNotInOriginal(out, ReadFile(path)), kind == 0 ? 0 : 1) << kind;
         ps::Unit first;
         EXPECT_EQ(ps::CheckUnit(out.data(), out.size(), 0, false, first), ps::Verdict::kValid) << kind;
         EXPECT_EQ(first.size, m.packBytes) << kind;

@@ -59,7 +59,11 @@ ProgramStreamCleaner::Step ProgramStreamCleaner::Next() {
     const size_t n = reader_.Length();
     const bool reachesEnd = reader_.Position() + int64_t(n) == reader_.Size();
     ps::Unit unit;
-    if (ps::CheckUnit(d, n, 0, reachesEnd, unit) == ps::Verdict::kValid) {
+    // In step, a unit whose own header is right is kept whatever follows it, as a
+    // demuxer keeps it: damage behind a picture's last packet leaves that picture
+    // whole. Finding the way back after damage asks more: the next unit too.
+    const ps::Verdict verdict = skipping_ ? ps::CheckUnit(d, n, 0, reachesEnd, unit) : ps::JudgeUnit(d, n, unit);
+    if (verdict == ps::Verdict::kValid && unit.size <= n) {
         if (skipping_) VR_LOG(log_, kLogDebug, "Program stream resumes at", reader_.Position());
         skipping_ = false;
         Emit(d, n, reachesEnd, unit);
