@@ -69,7 +69,10 @@ Bytes Garbage(size_t length) {
     for (size_t at = 13; at < length; at += 97) g[at] = 0x47;
     const int strides[] = {188, 192, 204};
     for (int k = 0; k < 3; ++k) {
-        for (int i = 0; i < 4; ++i) g[size_t(40 + 700 * k + i * strides[k])] = 0x47;
+        for (int i = 0; i < 4; ++i) {
+            const size_t at = size_t(40 + 700 * k + i * strides[k]);
+            if (at < length) g[at] = 0x47;
+        }
     }
     return g;
 }

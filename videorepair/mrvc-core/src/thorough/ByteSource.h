@@ -18,6 +18,9 @@ public:
     virtual int64_t Consumed() const = 0;
     // Bytes of the damaged file skipped as unusable so far (for the report).
     virtual int64_t Skipped() const { return 0; }
+    // True once the view differs from the file in what a demuxer would read: bytes
+    // skipped or put in. While false, the file as it is reads the same.
+    virtual bool ChangedAnything() const { return Skipped() > 0; }
 };
 
 }  // namespace thorough

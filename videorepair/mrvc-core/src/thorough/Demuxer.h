@@ -36,6 +36,8 @@ public:
     // Bytes of the damaged file read so far, for progress.
     int64_t Consumed() const;
     int64_t Skipped() const { return source_ ? source_->Skipped() : 0; }
+    // True when what was read differs from the file as it is.
+    bool ReadOtherThanFile() const { return source_ && source_->ChangedAnything(); }
 
 private:
     bool Open(AVFormatContext* context, const char* url, const std::string& format);

@@ -131,13 +131,15 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
         asIsCounted = remux;  // the file does not open as it is either
         return candidate;
     }
-    PassSettings settings{job_.fullDecodeCheck, remux, size_, plan_.rebuild};
+    PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.rebuild};
     candidate.path = TemporaryPath();
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
     candidate.usable = result.written;
-    if (remux) asIs.count = result.read, asIsCounted = true;
+    // Where the cleaning changed nothing, what was read is the file as it is, and
+    // a second pass over it would only count the same packets again.
+    if (!input.ReadOtherThanFile() && !result.stopped) asIs.count = result.read, asIsCounted = true;
     for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
     if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
     if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);

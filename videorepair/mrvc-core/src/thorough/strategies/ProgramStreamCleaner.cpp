@@ -83,6 +83,7 @@ ProgramStreamCleaner::Step ProgramStreamCleaner::Next() {
 void ProgramStreamCleaner::Emit(const uint8_t* d, size_t n, bool reachesEnd, const ps::Unit& unit) {
     if (!emitted_ && unit.kind != ps::UnitKind::kPack) {
         pending_ = ps::SyntheticPackHeader(LeadingForm(d, n, reachesEnd, unit));
+        madeUpPack_ = true;
         VR_LOG(log_, kLogInfo, "Program stream lost its first pack header; made one up before", reader_.Position());
     }
     emitted_ = true;

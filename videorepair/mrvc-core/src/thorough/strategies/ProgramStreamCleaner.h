@@ -30,6 +30,7 @@ public:
     int64_t Read(uint8_t* buffer, size_t size) override;
     int64_t Consumed() const override { return reader_.Position(); }
     int64_t Skipped() const override { return skipped_; }
+    bool ChangedAnything() const override { return skipped_ > 0 || madeUpPack_; }
 
     // The form of the first valid pack header in the file's first window.
     ps::PackForm FilePackForm() const { return fileForm_; }
@@ -51,6 +52,7 @@ private:
     std::vector<uint8_t> pending_;
     size_t pendingAt_ = 0;
     bool emitted_ = false;
+    bool madeUpPack_ = false;
     bool skipping_ = false;
     int64_t skipped_ = 0;
 };

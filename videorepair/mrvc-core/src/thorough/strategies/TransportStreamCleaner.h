@@ -34,6 +34,7 @@ public:
     int PacketSize() const { return firstPacketSize_; }
     int SamplePacketSize() const { return tables_.PacketSize(); }
     bool InjectedTables() const { return injected_; }
+    bool ChangedAnything() const override { return skipped_ > 0 || injected_; }
 
 private:
     bool Produce();
