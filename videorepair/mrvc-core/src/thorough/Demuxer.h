@@ -28,6 +28,7 @@ public:
     bool OpenSource(std::unique_ptr<ByteSource> source, const std::string& format);
 
     AVFormatContext* Context() const { return input_.get(); }
+    std::string FormatName() const { return input_ && input_->iformat ? input_->iformat->name : ""; }
     unsigned StreamCount() const { return input_ ? input_->nb_streams : 0; }
     AVStream* Stream(unsigned index) const { return input_->streams[index]; }
 

@@ -71,18 +71,24 @@ bool MuxWriter::Write(AVPacket* packet, int index, AVRational inputTimeBase) {
     return true;
 }
 
+// A decoding time the demuxer left open stays open for the muxer to derive from
+// the presentation times (streams with B-frames need it so); a packet with no
+// time at all follows the one before; decoding times that run backwards (damage)
+// move both times forward together, so the frame order is kept.
 void MuxWriter::MakeTimesSane(AVPacket* packet, Clock& clock) {
-    if (packet->dts == AV_NOPTS_VALUE) packet->dts = packet->pts;
-    if (packet->dts == AV_NOPTS_VALUE && clock.lastDts != AV_NOPTS_VALUE)
-        packet->dts = clock.lastDts + std::max<int64_t>(clock.lastDuration, 1);
-    if (packet->dts == AV_NOPTS_VALUE) packet->dts = 0;
-    if (clock.lastDts != AV_NOPTS_VALUE && packet->dts <= clock.lastDts) {
-        int64_t shift = clock.lastDts + 1 - packet->dts;
-        packet->dts += shift;
-        if (packet->pts != AV_NOPTS_VALUE) packet->pts += shift;
+    if (packet->dts == AV_NOPTS_VALUE && packet->pts == AV_NOPTS_VALUE) {
+        packet->dts = clock.lastDts == AV_NOPTS_VALUE ? 0 : clock.lastDts + std::max<int64_t>(clock.lastDuration, 1);
+        packet->pts = packet->dts;
     }
-    if (packet->pts == AV_NOPTS_VALUE || packet->pts < packet->dts) packet->pts = packet->dts;
-    clock.lastDts = packet->dts;
+    if (packet->dts != AV_NOPTS_VALUE) {
+        if (clock.lastDts != AV_NOPTS_VALUE && packet->dts <= clock.lastDts) {
+            int64_t shift = clock.lastDts + 1 - packet->dts;
+            packet->dts += shift;
+            if (packet->pts != AV_NOPTS_VALUE) packet->pts += shift;
+        }
+        if (packet->pts != AV_NOPTS_VALUE && packet->pts < packet->dts) packet->pts = packet->dts;
+        clock.lastDts = packet->dts;
+    }
     if (packet->duration > 0) clock.lastDuration = packet->duration;
 }
 

@@ -79,7 +79,7 @@ int ThoroughRepair::Run(ThoroughOutcome& outcome) {
     bool asIsCounted = false;
     std::vector<Candidate> candidates{Rebuild(sample, asIs, asIsCounted)};
     if (!asIsCounted && !control_.ShouldStop()) CountAsIs(sample, asIs);
-    if (carving && !control_.ShouldStop()) candidates.push_back(FromCarvingRepair(sample));
+    if (carving && CarvingMayHelp(asIs) && !control_.ShouldStop()) candidates.push_back(FromCarvingRepair(sample));
 
     Candidate best = asIs;
     for (const Candidate& c : candidates)
@@ -125,6 +125,7 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
     Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false};
     Demuxer input;
     bool opened = remux ? input.OpenFile(job_.damagedPath) : input.OpenSource(std::move(cleaned), strategy->CleanedFormat());
+    if (remux) NoteAsIsFormat(input);
     muxer_ = strategy->Muxer();
     if (!opened) {
         Log(kLogWarning, "[Thorough] no stream could be read from the damaged file:", strategy->Name());
@@ -139,7 +140,11 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
     candidate.usable = result.written;
     // Where the cleaning changed nothing, what was read is the file as it is, and
     // a second pass over it would only count the same packets again.
-    if (!input.ReadOtherThanFile() && !result.stopped) asIs.count = result.read, asIsCounted = true;
+    if (!input.ReadOtherThanFile() && !result.stopped) {
+        asIs.count = result.read;
+        asIsCounted = true;
+        NoteAsIsFormat(input);
+    }
     for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
     if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
     if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);
@@ -149,11 +154,24 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
 void ThoroughRepair::CountAsIs(const SampleModel& sample, Candidate& asIs) {
     auto start = std::chrono::steady_clock::now();
     Demuxer input;
-    if (input.OpenFile(job_.damagedPath)) {
+    bool opened = input.OpenFile(job_.damagedPath);
+    NoteAsIsFormat(input);
+    if (opened) {
         PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.asIs};
         asIs.count = RemuxPass(sample, control_).Run(input, std::wstring(), MuxerChoice(), settings).read;
     }
     judgeSeconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void ThoroughRepair::NoteAsIsFormat(const Demuxer& input) {
+    asIsReadsOwnFormat_ = input.FormatName() == DemuxerFor(job_.formatName);
+}
+
+// The container's carving repair rebuilds around a lost header. Where the file's
+// own demuxer still reads it, its own index and structure serve better, and the
+// carving would only cost time and offer the judge a worse candidate.
+bool ThoroughRepair::CarvingMayHelp(const Candidate& asIs) const {
+    return !asIsReadsOwnFormat_ || asIs.count.videoFrames == 0;
 }
 
 Candidate ThoroughRepair::FromCarvingRepair(const SampleModel& sample) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VideoRepairOptions.h"
+#include "thorough/Demuxer.h"
 #include "thorough/MediaTally.h"
 #include "thorough/RepairControl.h"
 #include "thorough/SampleModel.h"
@@ -53,6 +54,8 @@ private:
     Candidate Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted);
     void CountAsIs(const SampleModel& sample, Candidate& asIs);
     Candidate FromCarvingRepair(const SampleModel& sample);
+    bool CarvingMayHelp(const Candidate& asIs) const;
+    void NoteAsIsFormat(const Demuxer& input);
     Candidate Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress);
     bool Keep(const Candidate& best);
     void RemoveTemporaries(const std::wstring& except);
@@ -65,6 +68,7 @@ private:
     int64_t size_ = 0;
     double judgeSeconds_ = 0;
     MuxerChoice muxer_;
+    bool asIsReadsOwnFormat_ = false;  // the container's own demuxer took the damaged file
     std::vector<std::wstring> temporaries_;
 };
 

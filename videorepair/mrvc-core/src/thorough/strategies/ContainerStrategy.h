@@ -45,6 +45,9 @@ public:
 // The muxer that writes a container, by the engine's format name; empty when unknown.
 std::string MuxerFor(const std::string& formatName);
 
+// The libavformat demuxer that reads a healthy file of the container; empty when unknown.
+std::string DemuxerFor(const std::string& formatName);
+
 // The strategy for a container by the engine's format name ("avi", "mpeg", "mts", ...).
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName);
 

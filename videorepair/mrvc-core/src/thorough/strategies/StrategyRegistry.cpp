@@ -30,6 +30,15 @@ std::string MuxerFor(const std::string& formatName) {
     return found != muxers.end() ? found->second : std::string();
 }
 
+std::string DemuxerFor(const std::string& formatName) {
+    static const std::map<std::string, std::string> demuxers = {
+        {"avi", "avi"}, {"flv", "flv"}, {"mkv", "matroska,webm"}, {"mxf", "mxf"},     {"klv", "mxf"},
+        {"wmv", "asf"}, {"asf", "asf"}, {"mpeg", "mpeg"},         {"mts", "mpegts"}, {"m2ts", "mpegts"},
+    };
+    auto found = demuxers.find(formatName);
+    return found != demuxers.end() ? found->second : std::string();
+}
+
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
     if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
