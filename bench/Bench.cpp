@@ -164,7 +164,9 @@ struct Result {
     bool runsFfmpeg = false;
     double mb = 0, load = 0;
     double cat = 0, cp = 0, ffmpeg = 0, ours = 0, oursPass = 0, oursChildCpu = 0, oursLoad = 0, cancel = -1;
-    long catKiB = 0, cpKiB = 0, ffmpegKiB = 0, oursKiB = 0, oursChildKiB = 0;
+    double thorough = 0, thoroughJudge = 0;
+    long catKiB = 0, cpKiB = 0, ffmpegKiB = 0, oursKiB = 0, oursChildKiB = 0, thoroughKiB = 0;
+    std::string thoroughVerdict = "fail";
     bool repaired = false;
     double keptShare = 0;  // video packets in the repaired file / in the undamaged source
 };
@@ -191,6 +193,24 @@ std::string RunOurs(const std::string& self, const std::string& library, const I
     return r.repaired ? path : std::string();
 }
 
+// One thorough repair, written into the scratch folder (nothing beside the input).
+void RunThorough(const std::string& self, const std::string& library, const Input& in, const std::string& scratch,
+                 const std::string& extension, Result& r, std::vector<double>& total, std::vector<double>& judge) {
+    std::string listing = scratch + "/thorough.txt", output = scratch + "/thorough." + extension;
+    Measurement m = Run({self, "--child", "thorough", library, in.damaged, in.sample, output}, listing);
+    std::ifstream list(listing);
+    std::string text((std::istreambuf_iterator<char>(list)), std::istreambuf_iterator<char>());
+    double judgeSeconds = 0;
+    std::istringstream(TaggedLine(text, "vr_bench-judge")) >> judgeSeconds;
+    std::istringstream verdict(TaggedLine(text, "vr_bench-thorough"));
+    int rc = -1;
+    verdict >> rc >> r.thoroughVerdict;
+    total.push_back(m.seconds);
+    judge.push_back(judgeSeconds);
+    r.thoroughKiB = std::max(r.thoroughKiB, m.peakKiB);
+    fs::remove(output);
+}
+
 void MeasureCancel(const std::string& self, const std::string& library, const Input& in, int runs, Result& r) {
     std::vector<double> latencies;
     for (int i = 0; i < runs; ++i) {
@@ -212,7 +232,7 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
     r.runsFfmpeg = row.runsFfmpeg;
     r.load = std::atof(LoadText().c_str());
     r.mb = double(fs::file_size(in.damaged)) / 1e6;
-    std::vector<double> cat, cp, ff, ours, pass, childCpus, loads;
+    std::vector<double> cat, cp, ff, ours, pass, childCpus, loads, thorough, judge;
     for (int i = 0; i < runs; ++i) {
         Measurement m = Run({"cat", in.damaged});
         cat.push_back(m.seconds);
@@ -231,7 +251,10 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
         if (i == 0 && !repaired.empty() && in.sourcePackets > 0)
             r.keptShare = double(VideoPackets(repaired)) / double(in.sourcePackets);
         CleanBeside(in);
+        RunThorough(self, library, in, scratch, row.extension, r, thorough, judge);
+        CleanBeside(in);
     }
+    r.thorough = Median(thorough), r.thoroughJudge = Median(judge);
     r.cat = Median(cat), r.cp = Median(cp), r.ffmpeg = Median(ff), r.ours = Median(ours), r.oursPass = Median(pass);
     r.oursChildCpu = Median(childCpus);
     r.oursLoad = Median(loads);
@@ -267,7 +290,7 @@ void Report(const std::vector<Result>& results, const std::string& outDir, long 
           "video packets kept |\n";
     md << "|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
     csv << "engine,mb,load,cat_s,cp_s,ffmpeg_s,ours_s,ours_load_s,ours_pass_s,cat_kib,cp_kib,ffmpeg_kib,ours_kib,ours_ffmpeg_kib,ours_ffmpeg_cpu_s,"
-           "cancel_s,repaired,video_packets_kept\n";
+           "cancel_s,repaired,video_packets_kept,thorough_s,thorough_judge_s,thorough_kib,thorough_verdict\n";
     for (const Result& r : results) {
         md << "| " << r.name << " | " << Fixed(r.mb, 0) << " | " << Fixed(r.load, 1) << " | " << Fixed(r.mb / r.cat, 0)
            << " | " << Fixed(r.mb / r.cp, 0) << " | " << Fixed(r.mb / r.ffmpeg, 0) << " | " << Fixed(r.mb / r.ours, 0)
@@ -282,7 +305,17 @@ void Report(const std::vector<Result>& results, const std::string& outDir, long 
         csv << r.name << "," << Fixed(r.mb, 1) << "," << Fixed(r.load, 2) << "," << Fixed(r.cat, 4) << ","
             << Fixed(r.cp, 4) << "," << Fixed(r.ffmpeg, 4) << "," << Fixed(r.ours, 4) << "," << Fixed(r.oursLoad, 4) << "," << Fixed(r.oursPass, 4)
             << "," << r.catKiB << "," << r.cpKiB << "," << r.ffmpegKiB << "," << r.oursKiB << "," << r.oursChildKiB
-            << "," << Fixed(r.oursChildCpu, 3) << "," << Fixed(r.cancel, 4) << "," << int(r.repaired) << "," << Fixed(r.keptShare, 4) << "\n";
+            << "," << Fixed(r.oursChildCpu, 3) << "," << Fixed(r.cancel, 4) << "," << int(r.repaired) << "," << Fixed(r.keptShare, 4)
+            << "," << Fixed(r.thorough, 4) << "," << Fixed(r.thoroughJudge, 4) << "," << r.thoroughKiB << ","
+            << r.thoroughVerdict << "\n";
+    }
+    md << "\n## Thorough repair\n\nIn process, written into another folder; the judge's share is its time "
+          "spent counting and decoding what each candidate holds.\n\n| engine | thorough s | of which judge s | "
+          "thorough without judge / ffmpeg copy | peak RSS MiB | verdict |\n|---|---|---|---|---|---|\n";
+    for (const Result& r : results) {
+        md << "| " << r.name << " | " << Fixed(r.thorough, 2) << " | " << Fixed(r.thoroughJudge, 2) << " | "
+           << Fixed((r.thorough - r.thoroughJudge) / r.ffmpeg, 2) << " | " << r.thoroughKiB / 1024 << " | "
+           << r.thoroughVerdict << " |\n";
     }
     md << "\n## Targets\n\n| engine | targets |\n|---|---|\n";
     for (const Result& r : results) md << "| " << r.name << " | " << TargetText(r) << " |\n";

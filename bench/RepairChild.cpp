@@ -98,8 +98,8 @@ int RepairThorough(IVideoRepairManager* manager, const std::string& damaged, con
     std::string reason(opts.reason, strnlen(opts.reason, sizeof opts.reason));
     for (char& c : reason)
         if (c == '\n' || c == '\r') c = ' ';
-    std::printf("\nvr_bench-repaired %s\nvr_bench-thorough %d %s %s\n", path.c_str(), rc,
-                rc == 0 ? VerdictName(opts.verdict) : "fail", reason.c_str());
+    std::printf("\nvr_bench-repaired %s\nvr_bench-judge %.4f\nvr_bench-thorough %d %s %s\n", path.c_str(),
+                opts.judgeSeconds, rc, rc == 0 ? VerdictName(opts.verdict) : "fail", reason.c_str());
     return rc == 0 && !path.empty() ? 0 : 1;
 }
 
