@@ -1,5 +1,6 @@
 // The `videorepair` program, run as a user runs it: exit codes, messages, the
-// JSON object, a remux end to end, and Ctrl-C during an engine repair.
+// JSON object, a thorough repair and a remux end to end, and Ctrl-C during an
+// engine repair.
 #include <gtest/gtest.h>
 
 #include <Poco/JSON/Object.h>
@@ -207,7 +208,9 @@ TEST(CliUsage, BadArgumentsGiveTheUsageCodeAndSayWhy) {
     const Case cases[] = {
         {{}, "no command given"},
         {{"frobnicate", "a.avi"}, "unknown command 'frobnicate'"},
-        {{"repair", "a.avi"}, "repair needs a sample file"},
+        {{"repair", "a.avi", "--compatible"}, "repair --compatible needs a sample file"},
+        {{"repair", "a.avi", "--compatible", "-s", "s.avi", "--full-check"}, "--full-check is for the thorough"},
+        {{"remux", "a.mkv", "--full-check"}, "--compatible and --full-check are repair options"},
         {{"remux", "--bogus", "a.mkv"}, "unknown option '--bogus'"},
         {{"remux", "a.mkv", "-o"}, "option -o needs a value"},
         {{"remux"}, "remux needs at least one damaged file"},
@@ -273,6 +276,78 @@ TEST(CliFiles, OutputOntoTheDamagedFileIsRefusedBeforeAnythingRuns) {
                          "--work-dir", dir.file("work")});
     EXPECT_EQ(sample.code, kUsage);
     EXPECT_EQ(ReadFile(dir.file("clip.mkv")), "damaged bytes");
+}
+
+// repair is thorough unless --compatible; with -o the library writes the result
+// there and nothing is left beside the damaged file.
+TEST(CliRepair, ThoroughByDefaultReportsTheJudgeAndWritesWhereAsked) {
+    std::string source = ShortMkv();
+    ASSERT_FALSE(source.empty());
+    struct Case {
+        const char* name;
+        std::vector<std::string> args;  // "OUT" stands for the -o destination
+        bool json;
+        const char* road;
+        bool output;
+    };
+    const Case cases[] = {
+        {"no sample, beside the input", {"--json"}, true, "thorough", false},
+        {"sample, -o file, full check", {"-s", source, "-o", "OUT", "--full-check", "--json"}, true, "thorough", true},
+        {"human report", {"-o", "OUT"}, false, "thorough", true},
+        {"compatible", {"--compatible", "-s", source, "-o", "OUT", "--json"}, true, "compatible", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir("cli");
+        fs::create_directories(dir.file("in"));
+        std::string damaged = Truncated(source, 0.6, dir.file("in/damaged clip.mkv"));
+        const repair_harness::InputGuard input(damaged);
+        std::string destination = dir.file("out/fixed.mkv");
+        std::vector<std::string> args = {"repair", damaged, "--work-dir", dir.file("work")};
+        for (const std::string& a : c.args) args.push_back(a == "OUT" ? destination : a);
+        CliRun run = RunCli(args);
+        ASSERT_EQ(run.code, 0) << run.err;
+        EXPECT_TRUE(input.Unchanged());
+        std::string repaired = destination;
+        if (!c.json) {
+            for (const char* line : {"  verdict   ", "  reason    ", "video frames      video audio packets",
+                                     "  damaged   ", "  repaired  "}) {
+                EXPECT_NE(run.out.find(line), std::string::npos) << line << "\n" << run.out;
+            }
+            EXPECT_EQ(run.out.find("saved as"), std::string::npos) << "written in place, not copied\n" << run.out;
+        } else {
+            Poco::JSON::Object::Ptr json = ParseJson(run.out);
+            EXPECT_EQ(json->getValue<std::string>("road"), c.road);
+            Poco::JSON::Object::Ptr file = FirstFile(json);
+            EXPECT_EQ(file->getValue<std::string>("status"), "repaired");
+            EXPECT_EQ(file->getValue<std::string>("road"), c.road);
+            repaired = file->getValue<std::string>("repairedPath");
+            if (c.output) {
+                EXPECT_EQ(file->getValue<std::string>("savedPath"), destination);
+            }
+            bool thorough = std::string(c.road) == "thorough";
+            EXPECT_EQ(file->isNull("verdict"), !thorough);
+            if (thorough) {
+                std::string verdict = file->getValue<std::string>("verdict");
+                EXPECT_TRUE(verdict == "rebuilt" || verdict == "remuxed" || verdict == "as is") << verdict;
+                EXPECT_FALSE(file->getValue<std::string>("reason").empty());
+                EXPECT_GE(file->getValue<double>("judgeSeconds"), 0.0);
+                Poco::JSON::Object::Ptr before = file->getObject("damaged"), after = file->getObject("repaired");
+                EXPECT_GT(after->getValue<double>("videoSeconds"), 1.0);
+                EXPECT_GT(after->getValue<int>("audioPackets"), 0);
+                EXPECT_GE(after->getValue<int>("videoFrames"), before->getValue<int>("videoFrames"));
+                EXPECT_NEAR(CountDecodedVideoFrames(repaired), after->getValue<int>("videoFrames"), 2);
+            }
+        }
+        if (std::string(c.road) == "thorough") {
+            if (c.output) {
+                EXPECT_EQ(repaired, destination);
+            }
+            EXPECT_EQ(repair_harness::FilesIn(dir.file("in")), c.output ? 1u : 2u) << "what lies beside the damaged file";
+        }
+        EXPECT_NE(FormatName(c.output ? destination : repaired).find("matroska"), std::string::npos);
+        EXPECT_NEAR(CountDecodedVideoFrames(c.output ? destination : repaired), 45, 8);
+    }
 }
 
 TEST(CliRemux, TruncatedMkvIsRemuxedSavedAndReportedInJson) {
@@ -366,33 +441,35 @@ TEST(CliRepair, CtrlCDuringAnAviRepairStillLeavesARepairedFile) {
                                                           "-f", "lavfi", "-i", "sine=duration=2", "-c:v", "mjpeg",
                                                           "-c:a", "pcm_s16le"});
     ASSERT_FALSE(sample.empty());
-    TempDir dir("cli");
-    CliRun probe = RunCli({"repair", Truncated(sample, 0.7, dir.file("probe.avi")), "--sample", sample, "--work-dir",
-                        dir.file("work")});
-    if (probe.code == kUnsupported) GTEST_SKIP() << "this build has no AVI engine yet";
-
     std::string large = GeneratedMedia("cli_large.avi", {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25:duration=40",
                                                         "-f", "lavfi", "-i", "sine=duration=40", "-c:v", "mjpeg",
                                                         "-q:v", "2", "-c:a", "pcm_s16le"});
     ASSERT_FALSE(large.empty());
-    std::string damaged = Truncated(large, 0.9, dir.file("large.avi"));
-    const repair_harness::InputGuard input(damaged);
-    CliProcess process({"repair", damaged, "--sample", sample, "--json", "--work-dir", dir.file("work")});
-    // The first progress line means the scan is under way.
-    ASSERT_TRUE(process.WaitForStderr("% (")) << process.err;
-    process.Signal(SIGINT);
-    int code = process.Wait();
-    // The signal may land after the engine finished; either way a result is there.
-    EXPECT_TRUE(code == kCancelled || code == 0) << code << process.err;
-    Poco::JSON::Object::Ptr file = FirstFile(ParseJson(process.out));
-    EXPECT_EQ(file->getValue<std::string>("status"), code == kCancelled ? "cancelled" : "repaired");
-    std::string repaired = file->getValue<std::string>("repairedPath");
-    // Stopped early, the engine still writes a whole AVI around what it found.
-    EXPECT_EQ(FormatName(repaired), "avi") << repaired;
-    if (code == 0) {
-        EXPECT_GT(CountDecodedVideoFrames(repaired), 0) << repaired;
+    // The thorough repair keeps a playable file with what it found; the compatible
+    // engine still writes a whole AVI around it.
+    for (const char* road : {"thorough", "compatible"}) {
+        SCOPED_TRACE(road);
+        TempDir dir("cli");
+        std::string damaged = Truncated(large, 0.9, dir.file("large.avi"));
+        const repair_harness::InputGuard input(damaged);
+        std::vector<std::string> args = {"repair", damaged, "--sample", sample, "--json", "--work-dir", dir.file("work")};
+        if (std::string(road) == "compatible") args.push_back("--compatible");
+        CliProcess process(args);
+        // The first progress line means the scan is under way.
+        ASSERT_TRUE(process.WaitForStderr("% (")) << process.err;
+        process.Signal(SIGINT);
+        int code = process.Wait();
+        // The signal may land after the engine finished; either way a result is there.
+        EXPECT_TRUE(code == kCancelled || code == 0) << code << process.err;
+        Poco::JSON::Object::Ptr file = FirstFile(ParseJson(process.out));
+        EXPECT_EQ(file->getValue<std::string>("status"), code == kCancelled ? "cancelled" : "repaired");
+        std::string repaired = file->getValue<std::string>("repairedPath");
+        EXPECT_EQ(FormatName(repaired), "avi") << repaired;
+        if (code == 0 || std::string(road) == "thorough") {
+            EXPECT_GT(CountDecodedVideoFrames(repaired), 0) << repaired;
+        }
+        EXPECT_TRUE(input.Unchanged());
     }
-    EXPECT_TRUE(input.Unchanged());
 }
 
 TEST(CliSignals, CtrlCOnceCancelsYetKeepsAndSavesTheResult) {

@@ -54,6 +54,8 @@ private:
         if (arg == "-V" || arg == "--version") return wantsVersion_ = true;
         if (arg == "--json") return result_.options.json = true;
         if (arg == "-q" || arg == "--quiet") return result_.options.quiet = true;
+        if (arg == "--compatible") return result_.options.compatible = true;
+        if (arg == "--full-check") return result_.options.fullCheck = true;
 
         std::string name = arg;
         std::string value;
@@ -87,10 +89,12 @@ private:
         o.inputs.assign(positional.begin() + 1, positional.end());
         if (verb == "repair") {
             o.command = CliCommand::kRepair;
-            if (o.sample.empty()) Fail("repair needs a sample file: --sample SAMPLE");
+            if (o.compatible && o.sample.empty()) Fail("repair --compatible needs a sample file: --sample SAMPLE");
+            if (o.compatible && o.fullCheck) Fail("--full-check is for the thorough repair; drop --compatible");
         } else if (verb == "remux") {
             o.command = CliCommand::kRemux;
             if (!o.sample.empty()) Fail("remux uses no sample; drop --sample or use repair");
+            if (o.compatible || o.fullCheck) Fail("--compatible and --full-check are repair options");
         } else if (verb == "help") {
             return Finish(CliCommand::kHelp);
         } else {
@@ -125,7 +129,8 @@ private:
 ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) { return Parser(args).Run(); }
 
 std::string UsageText() {
-    return "usage: videorepair repair DAMAGED... --sample SAMPLE [-o OUTPUT] [options]\n"
+    return "usage: videorepair repair DAMAGED... [--sample SAMPLE] [-o OUTPUT] [--full-check] [options]\n"
+           "       videorepair repair --compatible DAMAGED... --sample SAMPLE [-o OUTPUT] [options]\n"
            "       videorepair remux DAMAGED... [-o OUTPUT] [options]\n"
            "       videorepair --help | --version\n";
 }
@@ -135,16 +140,23 @@ std::string HelpText() {
     text << "videorepair - repairs damaged video files with lib_videorepair\n\n"
          << UsageText()
          << "\nCommands:\n"
-            "  repair     rebuild each damaged file with the engine for its container\n"
-            "             (avi, flv, mkv, mts/m2ts, mxf/klv, wmv/asf, mpeg/mpg), guided by a\n"
-            "             healthy SAMPLE recorded by the same device; one sample serves all files\n"
+            "  repair     repair each damaged file thoroughly with the engine for its container\n"
+            "             (avi, flv, mkv, mts/m2ts, mxf/klv, wmv/asf, mpeg/mpg): what the file's\n"
+            "             own structure gives, what can be carved from the rest and what the\n"
+            "             SAMPLE restores are written and judged against the damaged file as it\n"
+            "             is; the better one is kept (rebuilt, remuxed, or as is). The sample, a\n"
+            "             healthy file from the same device, is optional; one serves all files\n"
             "  remux      copy the streams of each damaged file into a new container with\n"
             "             ffmpeg (no sample needed); often enough for a truncated file\n"
             "\nOptions:\n"
             "  -s, --sample SAMPLE  healthy file from the same camera (repair only)\n"
-            "  -o, --output PATH    copy the result there; with several damaged files, or when\n"
-            "                       PATH is an existing directory, PATH is a directory and each\n"
-            "                       result keeps its damaged file's name\n"
+            "      --compatible     repair as earlier versions did: the engine rebuilds the file\n"
+            "                       from the SAMPLE (required) and nothing is judged\n"
+            "      --full-check     the thorough repair's judge decodes every video frame (slower)\n"
+            "  -o, --output PATH    put the result there (a thorough repair writes it there\n"
+            "                       directly; others are copied); with several damaged files, or\n"
+            "                       when PATH is an existing directory, PATH is a directory and\n"
+            "                       each result keeps its damaged file's name\n"
             "      --log-dir DIR    where the library writes KzVideoRepair.log (default: the\n"
             "                       work directory)\n"
             "      --work-dir DIR   where remux results are made, under RepairedVideo/\n"
@@ -160,8 +172,9 @@ std::string HelpText() {
             "  Ctrl-C twice         quit at once\n"
             "  Ctrl-Z               pause / resume the engine (the program stays in the foreground;\n"
             "                       an ffmpeg remux cannot be paused)\n"
-            "\nThe damaged files are only read, never changed. An engine repair is written beside\n"
-            "its damaged file under a new unique name; a remux under WORKDIR/RepairedVideo/.\n"
+            "\nThe damaged files are only read, never changed. Without -o an engine repair is\n"
+            "written beside its damaged file under a new unique name; a remux under\n"
+            "WORKDIR/RepairedVideo/. With -o a thorough repair leaves nothing beside the damaged file.\n"
             "\nExit codes:\n";
     for (const exit_codes::Meaning& m : exit_codes::kAll) {
         text << "  " << (m.code < 10 ? "  " : "") << m.code << "  " << m.text << "\n";

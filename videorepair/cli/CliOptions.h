@@ -13,6 +13,8 @@ struct CliOptions {
     std::string output;  // -o: a file for one input, a directory for several
     std::string logDirectory;
     std::string workDirectory;
+    bool compatible = false;  // repair: Repair with a sample instead of the thorough repair
+    bool fullCheck = false;   // thorough repair: the judge decodes every video frame
     bool json = false;
     bool quiet = false;  // no progress display
 };

@@ -5,10 +5,24 @@
 #include <string>
 
 #include "MediaReport.h"
+#include "VideoRepairOptions.h"
+
+// What the thorough repair's judge chose and counted.
+struct JudgeReport {
+    int verdict = kVerdictNone;
+    std::string reason;
+    ThoroughMediaCount damaged{};   // the damaged file as it is
+    ThoroughMediaCount repaired{};  // the file that was kept
+    double seconds = 0.0;
+};
+
+// "rebuilt", "remuxed", "as is" or "none".
+const char* VerdictName(int verdict);
 
 struct FileResult {
     std::string input;
     std::string method;  // "repair" or "remux"
+    std::string road;    // repair: "thorough" or "compatible"; empty for a remux
     // repaired, cancelled, failed, unsupported, missing, ffmpeg-missing, save-failed, skipped
     std::string status;
     int exitCode = 0;
@@ -18,6 +32,8 @@ struct FileResult {
     std::string savedPath;
     std::string error;
     double seconds = 0.0;
+    bool judged = false;  // a thorough repair ran and judge is filled
+    JudgeReport judge;
     bool probed = false;  // damaged and repaired below are filled
     MediaFacts damaged;
     MediaFacts repaired;

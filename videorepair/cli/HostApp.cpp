@@ -59,6 +59,7 @@ std::string UnreadableReason(const std::string& path) {
 HostApp::HostApp(CliOptions options)
     : options_(std::move(options)), display_(options_.json ? stderr : stdout, StyleFor(options_)) {
     run_.command = options_.command == CliCommand::kRepair ? "repair" : "remux";
+    if (options_.command == CliCommand::kRepair) run_.road = options_.compatible ? "compatible" : "thorough";
     run_.sample = options_.sample;
     run_.output = options_.output;
 }
@@ -90,7 +91,7 @@ bool HostApp::PrepareDirectories() {
 }
 
 bool HostApp::CheckSample() {
-    if (options_.command != CliCommand::kRepair) return true;
+    if (options_.command != CliCommand::kRepair || options_.sample.empty()) return true;
     std::string reason = UnreadableReason(options_.sample);
     if (reason.empty()) return true;
     Fail("sample " + options_.sample + ": " + reason, exit_codes::kMissingFile);
@@ -171,6 +172,7 @@ void HostApp::Classify(const RepairOutcome& outcome, FileResult& file) const {
     std::string reason = outcome.error.empty() ? "the library returned " + std::to_string(outcome.result)
                                                : outcome.error;
     if (!outcome.ffmpegLine.empty()) reason += " (ffmpeg: " + outcome.ffmpegLine + ")";
+    if (outcome.judged && outcome.judge.reason[0] != '\0') reason += " (" + std::string(outcome.judge.reason) + ")";
     file.error = outcome.cancelled ? "cancelled before anything was repaired: " + reason : reason;
 }
 
@@ -178,6 +180,7 @@ FileResult HostApp::Process(RepairSession& session, const std::string& input, si
     FileResult file;
     file.input = input;
     file.method = run_.command;
+    file.road = run_.road;
     if (session.CancelRequested()) {
         file.status = "skipped";
         file.exitCode = exit_codes::kCancelled;
@@ -195,12 +198,41 @@ FileResult HostApp::Process(RepairSession& session, const std::string& input, si
     if (options_.inputs.size() > 1) {
         label = "[" + std::to_string(position + 1) + "/" + std::to_string(options_.inputs.size()) + "] " + label;
     }
-    RepairOutcome outcome = session.Run(input, options_.sample, label);
+    RepairRequest request;
+    request.road = options_.command == CliCommand::kRemux ? RepairRoad::kRemux
+                   : Thorough()                           ? RepairRoad::kThorough
+                                                          : RepairRoad::kCompatible;
+    request.sample = options_.sample;
+    request.fullCheck = options_.fullCheck;
+    if (Thorough() && !options_.output.empty()) {
+        // The library writes straight there, so nothing is left beside the damaged file.
+        request.outputPath = DestinationFor(input);
+        std::filesystem::path folder = std::filesystem::u8path(request.outputPath).parent_path();
+        std::error_code ec;
+        if (!folder.empty()) std::filesystem::create_directories(folder, ec);
+        if (ec) {
+            file.status = "save-failed";
+            file.exitCode = exit_codes::kSaveFailed;
+            file.error = "cannot create the folder of " + request.outputPath + ": " + ec.message();
+            return file;
+        }
+    }
+    RepairOutcome outcome = session.Run(input, request, label);
     file.libraryCalled = true;
     file.libraryResult = outcome.result;
     file.seconds = outcome.seconds;
     Classify(outcome, file);
-    if (!file.repairedPath.empty() && !options_.output.empty()) {
+    if (outcome.judged && outcome.started) {
+        file.judged = true;
+        file.judge.verdict = outcome.judge.verdict;
+        file.judge.reason = outcome.judge.reason;
+        file.judge.damaged = outcome.judge.damaged;
+        file.judge.repaired = outcome.judge.repaired;
+        file.judge.seconds = outcome.judge.judgeSeconds;
+    }
+    if (!request.outputPath.empty()) {
+        if (!file.repairedPath.empty()) file.savedPath = file.repairedPath;
+    } else if (!file.repairedPath.empty() && !options_.output.empty()) {
         std::string destination = DestinationFor(input);
         std::string error;
         if (session.Save(input, destination, error)) {
@@ -230,7 +262,7 @@ int HostApp::Run() {
         Fail(error, exit_codes::kLibraryError);
         return Finish();
     }
-    if (options_.command == CliCommand::kRepair) {
+    if (!options_.sample.empty()) {
         run_.sampleFacts = ProbeMedia(options_.sample);
         run_.sampleProbed = true;
     }

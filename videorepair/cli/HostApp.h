@@ -21,6 +21,7 @@ private:
     bool CheckSample();
     FileResult Process(class RepairSession& session, const std::string& input, size_t position);
     void Classify(const struct RepairOutcome& outcome, FileResult& file) const;
+    bool Thorough() const { return options_.command == CliCommand::kRepair && !options_.compatible; }
     std::string DestinationFor(const std::string& input);
     bool IsProtected(const std::string& path) const;  // an input or the sample
     void Fail(const std::string& message, int exitCode);

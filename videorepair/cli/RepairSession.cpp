@@ -62,7 +62,7 @@ bool RepairSession::Open(const std::string& logDirectory, const std::string& wor
     return true;
 }
 
-RepairOutcome RepairSession::Run(const std::string& damaged, const std::string& sample, const std::string& label) {
+RepairOutcome RepairSession::Run(const std::string& damaged, const RepairRequest& request, const std::string& label) {
     RepairOutcome outcome;
     std::wstring damagedWide = wide_text::ToWide(damaged);
     // A pause belonged to the previous file; an engine made for this one would
@@ -72,10 +72,20 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const std::string& 
     log_.Mark();
     display_.Begin(label);
     auto begin = std::chrono::steady_clock::now();
-    if (sample.empty()) {
+    std::wstring sampleWide = wide_text::ToWide(request.sample);
+    if (request.road == RepairRoad::kRemux) {
         outcome.result = manager_->FfmpegRepair(damagedWide.c_str());
+    } else if (request.road == RepairRoad::kCompatible) {
+        outcome.result = manager_->Repair(damagedWide.c_str(), sampleWide.c_str());
     } else {
-        outcome.result = manager_->Repair(damagedWide.c_str(), wide_text::ToWide(sample).c_str());
+        std::wstring outputWide = wide_text::ToWide(request.outputPath);
+        outcome.judge.size = sizeof outcome.judge;
+        outcome.judge.flags = request.fullCheck ? kThoroughFullDecodeCheck : 0;
+        outcome.judge.outputPath = outputWide.empty() ? nullptr : outputWide.c_str();
+        outcome.result =
+            manager_->RepairWithOptions(damagedWide.c_str(), sampleWide.c_str(), kRepairOptionThorough, &outcome.judge);
+        outcome.judge.outputPath = nullptr;
+        outcome.judged = true;
     }
     outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     display_.End();

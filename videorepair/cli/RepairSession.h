@@ -1,6 +1,6 @@
 // One manager of lib_videorepair driven as a desktop host drives it: the exported
-// entry point, Initialize with an observer, then Repair / FfmpegRepair, the
-// repaired path and SaveAs. A watcher thread turns Ctrl-C and Ctrl-Z into
+// entry point, Initialize with an observer, then RepairWithOptions / Repair /
+// FfmpegRepair, the repaired path and SaveAs. A watcher thread turns Ctrl-C and Ctrl-Z into
 // Cancel / Pause / Resume, which must not come from the thread blocked in a repair.
 #pragma once
 
@@ -13,13 +13,26 @@
 #include "IVideoRepairManager.h"
 #include "IVideoRepairObserver.h"
 #include "LogTail.h"
+#include "VideoRepairOptions.h"
 #include "ProgressDisplay.h"
+
+enum class RepairRoad { kThorough, kCompatible, kRemux };
+
+// How to repair one damaged file.
+struct RepairRequest {
+    RepairRoad road = RepairRoad::kThorough;
+    std::string sample;      // may be empty for the thorough repair; unused by a remux
+    std::string outputPath;  // thorough repair: where the library writes the result; empty: beside the input
+    bool fullCheck = false;  // thorough repair: decode every video frame when judging
+};
 
 // What the library did with one damaged file.
 struct RepairOutcome {
     bool started = false;    // the library began (the observer heard "started")
     bool cancelled = false;  // Ctrl-C arrived while it ran
-    int result = -1;         // Repair's or FfmpegRepair's result
+    int result = -1;         // RepairWithOptions', Repair's or FfmpegRepair's result
+    bool judged = false;     // a thorough repair ran: judge below is filled
+    ThoroughRepairOptions judge{};  // its outputPath is not kept
     std::string repairedPath;
     std::string error;       // the library's last ERROR line of this call
     std::string ffmpegLine;  // ffmpeg's last line of output, when it ran
@@ -36,8 +49,7 @@ public:
     // Loads the manager and initialises it; false with the reason in error.
     bool Open(const std::string& logDirectory, const std::string& workDirectory, std::string& error);
 
-    // sample empty: ffmpeg stream copy (FfmpegRepair); otherwise Repair.
-    RepairOutcome Run(const std::string& damaged, const std::string& sample, const std::string& label);
+    RepairOutcome Run(const std::string& damaged, const RepairRequest& request, const std::string& label);
 
     // SaveAs; false with the library's reason in error.
     bool Save(const std::string& damaged, const std::string& destination, std::string& error);

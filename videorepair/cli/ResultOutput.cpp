@@ -72,10 +72,20 @@ Poco::JSON::Object::Ptr FactsJson(const MediaFacts& facts) {
     return object;
 }
 
+Poco::JSON::Object::Ptr CountJson(const ThoroughMediaCount& count) {
+    Poco::JSON::Object::Ptr object = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+    object->set("videoFrames", count.videoFrames);
+    object->set("audioPackets", count.audioPackets);
+    object->set("videoSeconds", count.videoSeconds);
+    object->set("audioSeconds", count.audioSeconds);
+    return object;
+}
+
 Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     Poco::JSON::Object::Ptr object = new Poco::JSON::Object;
     object->set("input", file.input);
     object->set("method", file.method);
+    object->set("road", TextOrNull(file.road));
     object->set("status", file.status);
     object->set("exitCode", file.exitCode);
     object->set("libraryResult", file.libraryCalled ? Poco::Dynamic::Var(file.libraryResult) : Poco::Dynamic::Var());
@@ -83,6 +93,12 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     object->set("savedPath", TextOrNull(file.savedPath));
     object->set("error", TextOrNull(file.error));
     object->set("seconds", file.seconds);
+    Poco::Dynamic::Var none;
+    object->set("verdict", file.judged ? Poco::Dynamic::Var(std::string(VerdictName(file.judge.verdict))) : none);
+    object->set("reason", file.judged ? TextOrNull(file.judge.reason) : none);
+    object->set("damaged", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.damaged)) : none);
+    object->set("repaired", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.repaired)) : none);
+    object->set("judgeSeconds", file.judged ? Poco::Dynamic::Var(file.judge.seconds) : none);
     Poco::JSON::Object::Ptr report = new Poco::JSON::Object;
     if (file.probed) {
         report->set("damaged", FactsJson(file.damaged));
@@ -92,7 +108,35 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     return object;
 }
 
+std::string Count(int64_t value) { return value > 0 ? std::to_string(value) : "-"; }
+
+std::string Duration(double seconds) { return seconds > 0.0 ? Seconds(seconds) : "-"; }
+
+void PrintCountRow(std::FILE* out, const char* role, const ThoroughMediaCount& count) {
+    std::fprintf(out, "  %-9s %12s %10s %13s %10s\n", role, Count(count.videoFrames).c_str(),
+                 Duration(count.videoSeconds).c_str(), Count(count.audioPackets).c_str(),
+                 Duration(count.audioSeconds).c_str());
+}
+
+// What the thorough repair's judge chose, why, and what it counted on each side.
+void PrintJudge(std::FILE* out, const JudgeReport& judge) {
+    std::fprintf(out, "  verdict   %s (judged in %s)\n", VerdictName(judge.verdict), Seconds(judge.seconds).c_str());
+    if (!judge.reason.empty()) std::fprintf(out, "  reason    %s\n", judge.reason.c_str());
+    std::fprintf(out, "  %-9s %12s %10s %13s %10s\n", "", "video frames", "video", "audio packets", "audio");
+    PrintCountRow(out, "damaged", judge.damaged);
+    PrintCountRow(out, "repaired", judge.repaired);
+}
+
 }  // namespace
+
+const char* VerdictName(int verdict) {
+    switch (verdict) {
+        case kVerdictRebuilt: return "rebuilt";
+        case kVerdictRemuxed: return "remuxed";
+        case kVerdictAsIs: return "as is";
+        default: return "none";
+    }
+}
 
 void PrintFileReport(std::FILE* out, const FileResult& file, const RunSummary& run) {
     // A file without a result was already explained on standard error.
@@ -101,7 +145,10 @@ void PrintFileReport(std::FILE* out, const FileResult& file, const RunSummary& r
     std::fprintf(out, "%s: %s in %s\n", name.c_str(), file.status.c_str(), FormatClock(file.seconds).c_str());
     if (!file.error.empty()) std::fprintf(out, "  note      %s\n", file.error.c_str());
     std::fprintf(out, "  repaired  %s\n", file.repairedPath.c_str());
-    if (!file.savedPath.empty()) std::fprintf(out, "  saved as  %s\n", file.savedPath.c_str());
+    if (!file.savedPath.empty() && file.savedPath != file.repairedPath) {
+        std::fprintf(out, "  saved as  %s\n", file.savedPath.c_str());
+    }
+    if (file.judged) PrintJudge(out, file.judge);
     if (!file.probed) return;
     std::fprintf(out, "  %-9s %-34s %10s %9s %13s\n", "", "streams", "duration", "packets", "video frames");
     if (run.sampleProbed) PrintFactsRow(out, "sample", run.sampleFacts);
@@ -113,13 +160,15 @@ void PrintFileReport(std::FILE* out, const FileResult& file, const RunSummary& r
 void PrintSummaryTable(std::FILE* out, const RunSummary& run) {
     size_t width = 4;
     for (const FileResult& file : run.files) width = std::max(width, FileName(file.input).size());
-    std::fprintf(out, "\n%-*s  %-6s  %-14s  %13s  %12s  %s\n", int(width), "file", "method", "result",
-                 "frames before", "frames after", "saved as");
+    std::fprintf(out, "\n%-*s  %-10s  %-14s  %-7s  %13s  %12s  %s\n", int(width), "file", "method", "result",
+                 "kept", "frames before", "frames after", "saved as");
     for (const FileResult& file : run.files) {
         std::string before = file.probed && file.damaged.opens ? std::to_string(file.damaged.videoPackets) : "-";
         std::string after = file.probed && file.repaired.opens ? std::to_string(file.repaired.videoPackets) : "-";
-        std::fprintf(out, "%-*s  %-6s  %-14s  %13s  %12s  %s\n", int(width), FileName(file.input).c_str(),
-                     file.method.c_str(), file.status.c_str(), before.c_str(), after.c_str(),
+        std::string method = file.road.empty() ? file.method : file.road;
+        std::fprintf(out, "%-*s  %-10s  %-14s  %-7s  %13s  %12s  %s\n", int(width), FileName(file.input).c_str(),
+                     method.c_str(), file.status.c_str(), file.judged ? VerdictName(file.judge.verdict) : "-",
+                     before.c_str(), after.c_str(),
                      file.savedPath.empty() ? "-" : file.savedPath.c_str());
     }
 }
@@ -128,6 +177,7 @@ void PrintJson(std::FILE* out, const RunSummary& run) {
     Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
     object.set("version", VIDEOREPAIR_VERSION);
     object.set("command", run.command);
+    object.set("road", TextOrNull(run.road));
     object.set("sample", TextOrNull(run.sample));
     object.set("sampleReport", run.sampleProbed ? Poco::Dynamic::Var(FactsJson(run.sampleFacts)) : Poco::Dynamic::Var());
     object.set("output", TextOrNull(run.output));

@@ -10,7 +10,8 @@
 
 struct RunSummary {
     std::string command;  // "repair" or "remux"
-    std::string sample;   // empty for remux
+    std::string road;     // repair: "thorough" or "compatible"; empty for a remux
+    std::string sample;   // empty for remux and a thorough repair without one
     bool sampleProbed = false;
     MediaFacts sampleFacts;
     std::string output;
