@@ -75,6 +75,56 @@ INSTANTIATE_TEST_SUITE_P(Engines, ThoroughRepairTest,
                              return std::get<0>(info.param).engine + std::get<1>(info.param).name;
                          });
 
+// Writers that send the decoder configuration only now and then: here every copy
+// of it was wiped in place, so the damaged file decodes nothing as it is. The
+// sample's copy, put in front of the first key frame, brings the stream back.
+struct WipedHeaderCase {
+    std::string name, extension;
+    std::vector<std::string> codecArgs;
+    bool (*isHeader)(uint8_t unitType);
+};
+
+// Zeros every Annex B unit that isHeader names, from its start code to the next
+// start code, never past the 188-byte transport packet it begins in.
+std::string WipeHeaders(std::string bytes, bool (*isHeader)(uint8_t), size_t packetBytes) {
+    for (size_t i = 0; i + 4 < bytes.size(); ++i) {
+        if (bytes[i] != 0 || bytes[i + 1] != 0 || bytes[i + 2] != 1 || !isHeader(uint8_t(bytes[i + 3]))) continue;
+        size_t end = packetBytes > 0 ? std::min(bytes.size(), (i / packetBytes + 1) * packetBytes) : bytes.size();
+        size_t next = bytes.find(std::string("\0\0\1", 3), i + 3);
+        for (size_t j = i; j < std::min(end, next); ++j) bytes[j] = 0;
+    }
+    return bytes;
+}
+
+TEST(ThoroughRepairRestoreTest, DecoderConfigurationComesBackFromTheSample) {
+    const WipedHeaderCase cases[] = {
+        {"h264", "mts", {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-preset", "veryfast", "-g", "25", "-f", "mpegts"},
+         [](uint8_t t) { return (t & 0x1F) == 7 || (t & 0x1F) == 8; }},
+        {"mpeg2", "mpg", {"-c:v", "mpeg2video", "-g", "12", "-q:v", "5", "-f", "vob"},
+         [](uint8_t t) { return t == 0xB3; }},
+    };
+    for (const WipedHeaderCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto make = [&](const char* source, const char* tag) {
+            std::vector<std::string> args = {"-f", "lavfi", "-i", std::string(source) + "=size=320x240:rate=25:duration=2",
+                                             "-an"};
+            args.insert(args.end(), c.codecArgs.begin(), c.codecArgs.end());
+            return testing_support::GeneratedMedia("wiped_" + c.name + tag + "." + c.extension, args);
+        };
+        std::string healthy = make("testsrc", ""), sample = make("testsrc2", "_sample");
+        TempDir dir("wiped");
+        std::string damaged = dir.file("damaged." + c.extension);
+        WriteFile(damaged, WipeHeaders(ReadFile(healthy), c.isHeader, c.extension == "mts" ? 188 : 2048));
+        EXPECT_LE(CountBitExactFrames(damaged, healthy), 5) << "the wipe left a header";
+        ThoroughRepairOptions options{};
+        options.size = sizeof options;
+        ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
+        ASSERT_EQ(run.result, 0);
+        EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), 45) << options.reason;
+        EXPECT_TRUE(HasLine(run.log, "parameter sets from the sample")) << options.reason;
+    }
+}
+
 TEST(ThoroughRepairOptionsTest, OtherOptionsAndShortStructsDoNothing) {
     std::string healthy = MakeEngineClip(AllEngineClips()[0], false);
     TempDir dir("options");

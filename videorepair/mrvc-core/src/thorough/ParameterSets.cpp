@@ -138,6 +138,23 @@ bool HasInBandHeader(AVCodecID codec, const uint8_t* data, size_t size) {
     return false;
 }
 
+bool StartsKeyPicture(AVCodecID codec, const uint8_t* data, size_t size) {
+    if (!CarriesInBandHeader(codec)) return false;
+    for (const Unit& unit : SplitAnnexB(data, size)) {
+        if (unit.begin >= unit.end) continue;
+        const uint8_t first = data[unit.begin];
+        if (IsMpegVideo(codec)) {
+            // picture_coding_type sits after the 10-bit temporal reference; 1 is I.
+            if (first == 0x00 && unit.begin + 2 < unit.end) return ((data[unit.begin + 2] >> 3) & 7) == 1;
+            continue;
+        }
+        int type = NalType(codec, first);
+        if (codec == AV_CODEC_ID_H264 && type == 5) return true;
+        if (codec == AV_CODEC_ID_HEVC && type >= 16 && type <= 21) return true;
+    }
+    return false;
+}
+
 std::string AnnexBFromConfigurationRecord(AVCodecID codec, const uint8_t* extradata, size_t size) {
     if (extradata == nullptr || size == 0 || extradata[0] != 1) return std::string();
     if (codec == AV_CODEC_ID_H264) return FromAvcC(extradata, size);

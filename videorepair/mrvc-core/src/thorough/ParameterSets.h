@@ -26,6 +26,11 @@ std::string InBandHeaderOf(AVCodecID codec, const uint8_t* data, size_t size);
 // True when the packet carries the codec's sequence-level configuration.
 bool HasInBandHeader(AVCodecID codec, const uint8_t* data, size_t size);
 
+// True when the packet starts a picture that decodes on its own (an H.264 IDR, an
+// HEVC IRAP, an MPEG-1/2 I picture), read from the bitstream itself: without
+// its parameter sets a parser cannot tell, and marks no key frame at all.
+bool StartsKeyPicture(AVCodecID codec, const uint8_t* data, size_t size);
+
 // Annex B parameter sets from an avcC or hvcC decoder configuration record;
 // empty when extradata is neither.
 std::string AnnexBFromConfigurationRecord(AVCodecID codec, const uint8_t* extradata, size_t size);

@@ -87,7 +87,9 @@ bool StreamRestorer::Fix(AVPacket* packet) {
 }
 
 bool StreamRestorer::FixVideo(AVPacket* packet, State& state, unsigned index) {
-    bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
+    AVCodecID codec = state.parameters->codec_id;
+    bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0 || StartsKeyPicture(codec, packet->data, size_t(packet->size));
+    if (key) packet->flags |= AV_PKT_FLAG_KEY;
     if (!state.keySeen && !key && state.dropped < kMostLeadingPacketsDropped) {
         ++state.dropped;
         return false;
@@ -95,7 +97,6 @@ bool StreamRestorer::FixVideo(AVPacket* packet, State& state, unsigned index) {
     state.keySeen = true;
     if (state.headerSettled) return true;
     state.headerSettled = true;
-    AVCodecID codec = state.parameters->codec_id;
     bool annexB = IsAnnexB(packet->data, size_t(packet->size));
     bool mpeg = codec == AV_CODEC_ID_MPEG1VIDEO || codec == AV_CODEC_ID_MPEG2VIDEO;
     if (!CarriesInBandHeader(codec) || !(annexB || mpeg) || HasInBandHeader(codec, packet->data, size_t(packet->size)))
