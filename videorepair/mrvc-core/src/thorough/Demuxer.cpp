@@ -70,7 +70,12 @@ int Demuxer::ReadSource(void* opaque, uint8_t* buffer, int size) {
     return n == 0 ? AVERROR_EOF : int(n);
 }
 
-bool Demuxer::Read(AVPacket* packet) {
+AVRational Demuxer::FrameRate(unsigned stream) const {
+    const AVStream* s = Stream(stream);
+    return s->avg_frame_rate.num > 0 ? s->avg_frame_rate : s->r_frame_rate;
+}
+
+bool Demuxer::Next(AVPacket* packet) {
     // A few errors in a row are damage the demuxer could not step over by itself.
     for (int failures = 0; failures < 64; ++failures) {
         int result = av_read_frame(input_.get(), packet);

@@ -9,6 +9,7 @@
 
 #include "thorough/AvHandles.h"
 #include "thorough/ByteSource.h"
+#include "thorough/PacketSource.h"
 
 namespace thorough {
 
@@ -16,10 +17,10 @@ namespace thorough {
 // output would drown in it. Silenced unless the host chose a log level itself.
 void QuietFfmpegLog();
 
-class Demuxer {
+class Demuxer : public PacketSource {
 public:
     Demuxer() = default;
-    ~Demuxer();
+    ~Demuxer() override;
     Demuxer(const Demuxer&) = delete;
     Demuxer& operator=(const Demuxer&) = delete;
 
@@ -29,14 +30,16 @@ public:
 
     AVFormatContext* Context() const { return input_.get(); }
     std::string FormatName() const { return input_ && input_->iformat ? input_->iformat->name : ""; }
-    unsigned StreamCount() const { return input_ ? input_->nb_streams : 0; }
     AVStream* Stream(unsigned index) const { return input_->streams[index]; }
 
+    unsigned StreamCount() const override { return input_ ? input_->nb_streams : 0; }
+    const AVCodecParameters* Parameters(unsigned stream) const override { return Stream(stream)->codecpar; }
+    AVRational TimeBase(unsigned stream) const override { return Stream(stream)->time_base; }
+    AVRational FrameRate(unsigned stream) const override;
     // The next packet; false at the end or on an error that ends reading.
-    bool Read(AVPacket* packet);
-    // Bytes of the damaged file read so far, for progress.
-    int64_t Consumed() const;
-    int64_t Skipped() const { return source_ ? source_->Skipped() : 0; }
+    bool Next(AVPacket* packet) override;
+    int64_t Consumed() const override;
+    int64_t Skipped() const override { return source_ ? source_->Skipped() : 0; }
     // True when what was read differs from the file as it is.
     bool ReadOtherThanFile() const { return source_ && source_->ChangedAnything(); }
 

@@ -24,24 +24,22 @@ struct PassStreams {
     std::vector<int> outputIndex;  // -1: not written
 };
 
-void SetUp(PassStreams& streams, Demuxer& input, MuxWriter* writer, const PassSettings& settings) {
-    streams.restorer.Prepare(input.Context());
+void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, const PassSettings& settings) {
+    streams.restorer.Prepare(input);
     for (unsigned i = 0; i < input.StreamCount(); ++i) {
-        AVStream* stream = input.Stream(i);
         const AVCodecParameters* restored = streams.restorer.Parameters(i);
-        AVRational rate = streams.restorer.FrameRate(i);
-        streams.read.AddStream(settings.countRead ? stream->codecpar : nullptr, stream->time_base, rate,
-                               settings.fullDecodeCheck);
-        int index = writer != nullptr ? writer->AddStream(restored, stream->time_base, rate) : -1;
+        AVRational rate = streams.restorer.FrameRate(i), base = input.TimeBase(i);
+        streams.read.AddStream(settings.countRead ? input.Parameters(i) : nullptr, base, rate, settings.fullDecodeCheck);
+        int index = writer != nullptr ? writer->AddStream(restored, base, rate) : -1;
         streams.outputIndex.push_back(index);
         bool kept = writer == nullptr || index >= 0;
-        streams.kept.AddStream(kept ? restored : nullptr, stream->time_base, rate, settings.fullDecodeCheck);
+        streams.kept.AddStream(kept ? restored : nullptr, base, rate, settings.fullDecodeCheck);
     }
 }
 
 }  // namespace
 
-PassResult RemuxPass::Run(Demuxer& input, const std::wstring& outputPath, const MuxerChoice& muxer,
+PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, const MuxerChoice& muxer,
                           const PassSettings& settings) {
     PassResult result;
     MuxWriter writer;
@@ -57,9 +55,13 @@ PassResult RemuxPass::Run(Demuxer& input, const std::wstring& outputPath, const 
     SetUp(streams, input, out, settings);
 
     PacketPtr packet = NewPacket();
-    for (int64_t n = 0; input.Read(packet.get()); ++n) {
+    for (int64_t n = 0; input.Next(packet.get()); ++n) {
         unsigned index = unsigned(packet->stream_index);
-        AVRational base = input.Stream(index)->time_base;
+        if (index >= input.StreamCount()) {
+            av_packet_unref(packet.get());
+            continue;
+        }
+        AVRational base = input.TimeBase(index);
         auto judging = Clock::now();
         if (settings.countRead) streams.read.Count(packet.get(), index);
         bool keep = index < streams.outputIndex.size() && streams.restorer.Fix(packet.get());

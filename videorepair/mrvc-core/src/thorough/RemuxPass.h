@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "VideoRepairOptions.h"
-#include "thorough/Demuxer.h"
+#include "thorough/PacketSource.h"
 #include "thorough/RepairControl.h"
 #include "thorough/SampleModel.h"
 #include "thorough/strategies/ContainerStrategy.h"
@@ -37,7 +37,7 @@ public:
     RemuxPass(const SampleModel& sample, RepairControl& control) : sample_(sample), control_(control) {}
 
     // outputPath empty: count only, nothing is written.
-    PassResult Run(Demuxer& input, const std::wstring& outputPath, const MuxerChoice& muxer,
+    PassResult Run(PacketSource& input, const std::wstring& outputPath, const MuxerChoice& muxer,
                    const PassSettings& settings);
 
 private:

@@ -41,28 +41,28 @@ bool PrependTo(AVPacket* packet, const std::string& header) {
 
 }  // namespace
 
-void StreamRestorer::Prepare(AVFormatContext* input) {
+void StreamRestorer::Prepare(const PacketSource& input) {
     streams_.clear();
-    streams_.resize(input->nb_streams);
+    streams_.resize(input.StreamCount());
     std::map<AVMediaType, int> ordinals;
-    for (unsigned i = 0; i < input->nb_streams; ++i) {
-        AVStream* stream = input->streams[i];
+    for (unsigned i = 0; i < input.StreamCount(); ++i) {
+        const AVCodecParameters* own = input.Parameters(i);
         State& state = streams_[i];
-        state.parameters = CopyParameters(stream->codecpar);
-        state.frameRate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
-        RestoreParameters(i, stream, state, ordinals[stream->codecpar->codec_type]++);
+        state.parameters = CopyParameters(own);
+        state.frameRate = input.FrameRate(i);
+        RestoreParameters(i, own, state, ordinals[own->codec_type]++);
     }
 }
 
-void StreamRestorer::RestoreParameters(unsigned index, AVStream* stream, State& state, int ordinal) {
+void StreamRestorer::RestoreParameters(unsigned index, const AVCodecParameters* own, State& state, int ordinal) {
     AVCodecParameters* p = state.parameters.get();
     if (p == nullptr) return;
     const SampleStream* learnt = sample_.Match(p->codec_type, p->codec_id, ordinal);
     bool sameCodec = learnt != nullptr && learnt->parameters->codec_id == p->codec_id;
     if (learnt != nullptr && (p->codec_id == AV_CODEC_ID_NONE || (sameCodec && (LacksPicture(p) || LacksSound(p))))) {
-        ParametersPtr own = std::move(state.parameters);
+        ParametersPtr kept = std::move(state.parameters);
         state.parameters = CopyParameters(learnt->parameters.get());
-        if (!state.parameters) state.parameters = std::move(own);
+        if (!state.parameters) state.parameters = std::move(kept);
         p = state.parameters.get();
         Note("codec parameters", index);
         if (state.frameRate.num <= 0) state.frameRate = learnt->frameRate;
@@ -71,7 +71,6 @@ void StreamRestorer::RestoreParameters(unsigned index, AVStream* stream, State& 
         Note("decoder configuration", index);
     }
     if (state.frameRate.num <= 0 && learnt != nullptr) state.frameRate = learnt->frameRate;
-    const AVCodecParameters* own = stream->codecpar;
     state.ownHeader = AnnexBFromConfigurationRecord(own->codec_id, own->extradata, size_t(own->extradata_size));
     if (state.ownHeader.empty() && own->extradata_size > 0)
         state.ownHeader = InBandHeaderOf(own->codec_id, own->extradata, size_t(own->extradata_size));

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "thorough/AvHandles.h"
+#include "thorough/PacketSource.h"
 #include "thorough/SampleModel.h"
 
 namespace thorough {
@@ -17,7 +18,7 @@ public:
     explicit StreamRestorer(const SampleModel& sample) : sample_(sample) {}
 
     // Learns the damaged streams; call once, before Parameters and Fix.
-    void Prepare(AVFormatContext* input);
+    void Prepare(const PacketSource& input);
 
     // The parameters to write stream index with (restored where needed).
     const AVCodecParameters* Parameters(unsigned index) const { return streams_[index].parameters.get(); }
@@ -40,7 +41,7 @@ private:
         int dropped = 0;
     };
 
-    void RestoreParameters(unsigned index, AVStream* stream, State& state, int ordinal);
+    void RestoreParameters(unsigned index, const AVCodecParameters* own, State& state, int ordinal);
     bool FixVideo(AVPacket* packet, State& state, unsigned index);
     void Note(const std::string& what, unsigned index);
 

@@ -70,7 +70,8 @@ int ThoroughRepair::Run(ThoroughOutcome& outcome) {
     QuietFfmpegLog();
     if (!Readable()) return -1;
     bool carving = static_cast<bool>(job_.carvingRepair);
-    plan_ = carving ? Plan{{2, 40}, {40, 55}, {55, 80}, {80, 97}} : Plan{{2, 70}, {70, 97}, {}, {}};
+    plan_ = Plan{{2, 40}, {40, 55}, {55, 75}, {75, 88}, {88, 97}};
+    strategy_ = StrategyFor(job_.formatName);
     SampleModel sample;
     if (sample.Load(job_.samplePath)) Log(kLogInfo, "[Thorough] sample streams:", std::to_string(sample.Streams().size()));
     control_.Progress(plan_.rebuild.from);
@@ -79,6 +80,7 @@ int ThoroughRepair::Run(ThoroughOutcome& outcome) {
     bool asIsCounted = false;
     std::vector<Candidate> candidates{Rebuild(sample, asIs, asIsCounted)};
     if (!asIsCounted && !control_.ShouldStop()) CountAsIs(sample, asIs);
+    if (!control_.ShouldStop()) candidates.push_back(FromCarver(sample, asIs));
     if (carving && CarvingMayHelp(asIs) && !control_.ShouldStop()) candidates.push_back(FromCarvingRepair(sample));
 
     Candidate best = asIs;
@@ -119,7 +121,7 @@ std::wstring ThoroughRepair::TemporaryPath() {
 }
 
 Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted) {
-    std::unique_ptr<ContainerStrategy> strategy = StrategyFor(job_.formatName);
+    ContainerStrategy* strategy = strategy_.get();
     std::unique_ptr<ByteSource> cleaned = strategy->Clean(job_.damagedPath, job_.samplePath, control_.Log());
     bool remux = cleaned == nullptr;
     Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false};
@@ -174,6 +176,15 @@ bool ThoroughRepair::CarvingMayHelp(const Candidate& asIs) const {
     return !asIsReadsOwnFormat_ || asIs.count.videoFrames == 0;
 }
 
+Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate& asIs) {
+    CarveContext context{asIsReadsOwnFormat_, asIs.count};
+    std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
+    if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    Candidate candidate = Write(sample, *carved, size_, plan_.carver);
+    if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
+    return candidate;
+}
+
 Candidate ThoroughRepair::FromCarvingRepair(const SampleModel& sample) {
     std::wstring directory = platform::ToWide(Poco::Path(platform::ToNarrow(job_.outputPath)).parent().toString());
     std::wstring carved = job_.carvingRepair(directory, plan_.carving);
@@ -191,7 +202,11 @@ Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& s
         size = platform::Seek(fd, 0, SEEK_END);
         platform::Close(fd);
     }
-    candidate.path = TemporaryPath();
+    return Write(sample, input, size, progress);
+}
+
+Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress) {
+    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false};
     PassSettings settings{job_.fullDecodeCheck, false, size, progress};
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;

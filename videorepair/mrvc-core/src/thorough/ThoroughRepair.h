@@ -46,17 +46,19 @@ public:
 private:
     // Where each pass's progress goes on the bar.
     struct Plan {
-        ProgressRange rebuild, asIs, carving, carvingRemux;
+        ProgressRange rebuild, asIs, carver, carving, carvingRemux;
     };
 
     bool Readable();
     std::wstring TemporaryPath();
     Candidate Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted);
     void CountAsIs(const SampleModel& sample, Candidate& asIs);
+    Candidate FromCarver(const SampleModel& sample, const Candidate& asIs);
     Candidate FromCarvingRepair(const SampleModel& sample);
     bool CarvingMayHelp(const Candidate& asIs) const;
     void NoteAsIsFormat(const Demuxer& input);
     Candidate Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress);
+    Candidate Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress);
     bool Keep(const Candidate& best);
     void RemoveTemporaries(const std::wstring& except);
     void Explain(const Candidate& best, const Candidate& asIs, ThoroughOutcome& outcome) const;
@@ -65,6 +67,7 @@ private:
     ThoroughJob job_;
     RepairControl& control_;
     Plan plan_;
+    std::unique_ptr<ContainerStrategy> strategy_;
     int64_t size_ = 0;
     double judgeSeconds_ = 0;
     MuxerChoice muxer_;

@@ -8,11 +8,21 @@
 #include <memory>
 #include <string>
 
+#include "VideoRepairOptions.h"
 #include "thorough/ByteSource.h"
+#include "thorough/PacketSource.h"
 
 class RepairLog;
 
 namespace thorough {
+
+class SampleModel;
+
+// What is known of the damaged file as it is when the carver is asked.
+struct CarveContext {
+    bool ownDemuxerReadsFile = false;  // the container's own demuxer opened it
+    ThoroughMediaCount asIs{};         // and this is what it gave
+};
 
 struct MuxerChoice {
     std::string name;                           // libavformat muxer ("mpegts", "vob", ...)
@@ -30,6 +40,16 @@ public:
     virtual std::unique_ptr<ByteSource> Clean(const std::wstring& damagedPath, const std::wstring& samplePath,
                                               RepairLog* log) {
         (void)damagedPath, (void)samplePath, (void)log;
+        return nullptr;
+    }
+
+    // Packets cut out of the damaged file by the container's own carver, for where
+    // no demuxer reads it (a lost header or index, a cluster whose head was
+    // destroyed). Judged as one more candidate. Null when the carver has nothing
+    // to add to what the demuxer gave, as context tells.
+    virtual std::unique_ptr<PacketSource> Carve(const std::wstring& damagedPath, const SampleModel& sample,
+                                                const CarveContext& context, RepairLog* log) {
+        (void)damagedPath, (void)sample, (void)context, (void)log;
         return nullptr;
     }
 

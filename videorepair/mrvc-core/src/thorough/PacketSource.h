@@ -1,0 +1,34 @@
+// Where a pass takes its packets from: libavformat reading the damaged file (or a
+// strategy's cleaned view of it), or a strategy's own carver, which cuts packets
+// out of the file where no demuxer can read it. Either way the pass restores,
+// writes and counts them the same.
+#pragma once
+
+#include <cstdint>
+
+#include "thorough/AvHandles.h"
+
+namespace thorough {
+
+class PacketSource {
+public:
+    virtual ~PacketSource() = default;
+
+    virtual unsigned StreamCount() const = 0;
+    // A stream's codec parameters (with its decoder configuration where known).
+    virtual const AVCodecParameters* Parameters(unsigned stream) const = 0;
+    // The time base of the packets' timestamps.
+    virtual AVRational TimeBase(unsigned stream) const = 0;
+    // Frames per second where known, else {0, 1}.
+    virtual AVRational FrameRate(unsigned stream) const = 0;
+
+    // The next packet (its stream_index set); false at the end.
+    virtual bool Next(AVPacket* packet) = 0;
+
+    // How far into the damaged file the source has got, for progress.
+    virtual int64_t Consumed() const = 0;
+    // Bytes of the damaged file left out as unusable.
+    virtual int64_t Skipped() const { return 0; }
+};
+
+}  // namespace thorough
