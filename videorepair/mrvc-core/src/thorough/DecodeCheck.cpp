@@ -5,9 +5,11 @@
 namespace thorough {
 namespace {
 
-constexpr int64_t kFirstWindow = 48;    // packets decoded from the first key frame
-constexpr int64_t kLaterWindow = 16;    // packets decoded from a later key frame
-constexpr int64_t kWindowSpacing = 600;  // packets between two later windows
+constexpr int64_t kFirstWindow = 32;   // packets decoded from the first key frame
+constexpr int64_t kLaterWindow = 12;   // packets decoded from a later key frame
+// Packets between the first two windows; each gap doubles, so a long file costs a
+// few windows more than a short one, not a share of its length.
+constexpr int64_t kFirstSpacing = 300;
 
 bool IsClean(const AVFrame* frame) {
     return frame->decode_error_flags == 0 && (frame->flags & AV_FRAME_FLAG_CORRUPT) == 0;
@@ -33,7 +35,7 @@ bool DecodeCheck::Open(const AVCodecParameters* parameters, bool everyPacket) {
 bool DecodeCheck::InWindow(const AVPacket* packet) {
     if (everyPacket_) return true;
     bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
-    if (!inWindow_ && key && (sent_ == 0 || seen_ >= kWindowSpacing)) {
+    if (!inWindow_ && key && (sent_ == 0 || seen_ >= spacing_)) {
         inWindow_ = true;
         windowLeft_ = sent_ == 0 ? kFirstWindow : kLaterWindow;
         seen_ = 0;
@@ -67,6 +69,7 @@ void DecodeCheck::EndWindow() {
     avcodec_flush_buffers(codec_.get());
     inWindow_ = false;
     seen_ = 0;
+    spacing_ = spacing_ == 0 ? kFirstSpacing : spacing_ * 2;
 }
 
 void DecodeCheck::Finish() {

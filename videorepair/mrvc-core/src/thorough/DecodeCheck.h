@@ -35,6 +35,7 @@ private:
     bool inWindow_ = false;
     int64_t seen_ = 0;
     int64_t windowLeft_ = 0;
+    int64_t spacing_ = 0;
     int64_t sent_ = 0;
     int64_t good_ = 0;
 };

@@ -15,15 +15,15 @@ double Seconds(int64_t value, AVRational base) { return double(value) * av_q2d(b
 }  // namespace
 
 void MediaTally::AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate,
-                           bool decodeEveryPacket) {
+                           Decode decode) {
     Stream s;
     if (parameters != nullptr) {
         s.type = parameters->codec_type;
         s.timeBase = timeBase;
         if (frameRate.num > 0 && frameRate.den > 0) s.frameSeconds = av_q2d(av_inv_q(frameRate));
-        if (s.type == AVMEDIA_TYPE_VIDEO) {
+        if (s.type == AVMEDIA_TYPE_VIDEO && decode != Decode::kNone) {
             s.check = std::make_unique<DecodeCheck>();
-            s.check->Open(parameters, decodeEveryPacket);
+            s.check->Open(parameters, decode == Decode::kEveryPacket);
         }
         if (s.type == AVMEDIA_TYPE_AUDIO && parameters->frame_size > 0 && parameters->sample_rate > 0)
             s.frameSeconds = double(parameters->frame_size) / parameters->sample_rate;
@@ -55,18 +55,27 @@ double MediaTally::SecondsOf(const Stream& s) const {
     return Seconds(s.lastPts - s.firstPts, s.timeBase) + s.frameSeconds;
 }
 
+const MediaTally::Stream* MediaTally::MainVideo() const {
+    const Stream* main = nullptr;
+    for (const Stream& s : streams_)
+        if (s.type == AVMEDIA_TYPE_VIDEO && (main == nullptr || s.packets > main->packets)) main = &s;
+    return main;
+}
+
+double MediaTally::VideoShare() const {
+    const Stream* main = MainVideo();
+    return main == nullptr ? 0.0 : main->check ? main->check->GoodShare() : assumedShare_;
+}
+
 ThoroughMediaCount MediaTally::Result() const {
     ThoroughMediaCount count{};
-    const Stream* main = nullptr;
     for (const Stream& s : streams_) {
-        if (s.type == AVMEDIA_TYPE_VIDEO && (main == nullptr || s.packets > main->packets)) main = &s;
-        if (s.type == AVMEDIA_TYPE_AUDIO) {
-            count.audioPackets += s.packets;
-            count.audioSeconds = std::max(count.audioSeconds, SecondsOf(s));
-        }
+        if (s.type != AVMEDIA_TYPE_AUDIO) continue;
+        count.audioPackets += s.packets;
+        count.audioSeconds = std::max(count.audioSeconds, SecondsOf(s));
     }
-    if (main != nullptr) {
-        double good = main->check ? main->check->GoodShare() : 1.0;
+    if (const Stream* main = MainVideo()) {
+        double good = VideoShare();
         count.videoFrames = int64_t(double(main->packets) * good + 0.5);
         count.videoSeconds = SecondsOf(*main) * good;
     }

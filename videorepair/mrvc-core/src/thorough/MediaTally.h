@@ -15,14 +15,19 @@ namespace thorough {
 
 class MediaTally {
 public:
+    enum class Decode { kNone, kWindows, kEveryPacket };
+
     // One entry per stream; parameters may be null for a stream that is ignored.
-    void AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate,
-                   bool decodeEveryPacket);
+    // With Decode::kNone the video's share that decodes is taken from AssumeShare.
+    void AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate, Decode decode);
+    void AssumeShare(double share) { assumedShare_ = share; }
     void Count(const AVPacket* packet, unsigned stream);
     void Finish();
 
     // The main video stream (most frames) and all audio.
     ThoroughMediaCount Result() const;
+    // The share of the main video stream's packets that decode.
+    double VideoShare() const;
 
 private:
     struct Stream {
@@ -35,8 +40,10 @@ private:
         std::unique_ptr<DecodeCheck> check;
     };
     double SecondsOf(const Stream& s) const;
+    const Stream* MainVideo() const;
 
     std::vector<Stream> streams_;
+    double assumedShare_ = 1.0;
 };
 
 // One repair's candidate and how it did.

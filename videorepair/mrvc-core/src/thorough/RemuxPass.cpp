@@ -24,16 +24,22 @@ struct PassStreams {
     std::vector<int> outputIndex;  // -1: not written
 };
 
+// Decoding is the judge's dear part. A pass that writes decodes what it wrote;
+// what it read is the same packets but for what the restorer put back, so it
+// borrows that share (see Run). A pass that only counts decodes what it read.
 void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, const PassSettings& settings) {
+    using Decode = MediaTally::Decode;
+    const Decode decode = settings.fullDecodeCheck ? Decode::kEveryPacket : Decode::kWindows;
     streams.restorer.Prepare(input);
     for (unsigned i = 0; i < input.StreamCount(); ++i) {
         const AVCodecParameters* restored = streams.restorer.Parameters(i);
         AVRational rate = streams.restorer.FrameRate(i), base = input.TimeBase(i);
-        streams.read.AddStream(settings.countRead ? input.Parameters(i) : nullptr, base, rate, settings.fullDecodeCheck);
+        streams.read.AddStream(settings.countRead ? input.Parameters(i) : nullptr, base, rate,
+                               writer != nullptr ? Decode::kNone : decode);
         int index = writer != nullptr ? writer->AddStream(restored, base, rate) : -1;
         streams.outputIndex.push_back(index);
         bool kept = writer == nullptr || index >= 0;
-        streams.kept.AddStream(kept ? restored : nullptr, base, rate, settings.fullDecodeCheck);
+        streams.kept.AddStream(kept ? restored : nullptr, base, rate, decode);
     }
 }
 
@@ -84,8 +90,11 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
     streams.read.Finish();
     streams.kept.Finish();
     result.judgeSeconds += SecondsSince(judging);
-    result.read = streams.read.Result();
     result.kept = streams.kept.Result();
+    // Packets that needed their decoder configuration put back did not decode as
+    // they were read.
+    streams.read.AssumeShare(streams.restorer.Restorations().empty() ? streams.kept.VideoShare() : 0.0);
+    result.read = streams.read.Result();
     result.restorations = streams.restorer.Restorations();
     if (out != nullptr) {
         result.written = out->Finish();
