@@ -1,5 +1,6 @@
 #include "thorough/ParameterSets.h"
 
+#include <cstring>
 #include <vector>
 
 namespace thorough {
@@ -12,23 +13,28 @@ struct Unit {
     size_t begin, end;
 };
 
+// The next 00 00 01 at or after from, or size. Anchored on the 01 with memchr:
+// pictures are long runs of bytes that are neither.
+size_t NextStartCode(const uint8_t* data, size_t size, size_t from) {
+    for (size_t i = from + 2; i < size;) {
+        const void* hit = std::memchr(data + i, 0x01, size - i);
+        if (hit == nullptr) break;
+        size_t one = size_t(static_cast<const uint8_t*>(hit) - data);
+        if (data[one - 1] == 0 && data[one - 2] == 0) return one - 2;
+        i = one + 1;
+    }
+    return size;
+}
+
 std::vector<Unit> SplitAnnexB(const uint8_t* data, size_t size) {
     std::vector<Unit> units;
-    size_t i = 0, begin = size;
-    while (i + 3 <= size) {
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-            if (begin < size) {
-                size_t end = i;
-                while (end > begin && data[end - 1] == 0) --end;  // trailing zeros belong to the next start code
-                units.push_back({begin, end});
-            }
-            begin = i + 3;
-            i += 3;
-        } else {
-            ++i;
-        }
+    for (size_t at = NextStartCode(data, size, 0); at < size;) {
+        size_t begin = at + 3, next = NextStartCode(data, size, begin);
+        size_t end = next;
+        while (end > begin && data[end - 1] == 0) --end;  // trailing zeros belong to the next start code
+        if (begin < size) units.push_back({begin, end});
+        at = next;
     }
-    if (begin < size) units.push_back({begin, size});
     return units;
 }
 

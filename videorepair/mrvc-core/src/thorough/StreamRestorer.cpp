@@ -87,8 +87,11 @@ bool StreamRestorer::Fix(AVPacket* packet) {
 
 bool StreamRestorer::FixVideo(AVPacket* packet, State& state, unsigned index) {
     AVCodecID codec = state.parameters->codec_id;
-    bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0 || StartsKeyPicture(codec, packet->data, size_t(packet->size));
-    if (key) packet->flags |= AV_PKT_FLAG_KEY;
+    bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
+    if (!state.keySeen && !key && StartsKeyPicture(codec, packet->data, size_t(packet->size))) {
+        key = true;
+        packet->flags |= AV_PKT_FLAG_KEY;
+    }
     if (!state.keySeen && !key && state.dropped < kMostLeadingPacketsDropped) {
         ++state.dropped;
         return false;
