@@ -35,6 +35,9 @@ void MediaTally::Count(const AVPacket* packet, unsigned stream) {
     if (stream >= streams_.size()) return;
     Stream& s = streams_[stream];
     if (s.type != AVMEDIA_TYPE_VIDEO && s.type != AVMEDIA_TYPE_AUDIO) return;
+    // Pictures before the first key frame refer to what was lost: no decoder shows them right.
+    if (s.type == AVMEDIA_TYPE_VIDEO && !s.keySeen && (packet->flags & AV_PKT_FLAG_KEY) == 0) return;
+    s.keySeen = true;
     ++s.packets;
     s.seconds += packet->duration > 0 ? Seconds(packet->duration, s.timeBase) : s.frameSeconds;
     if (packet->pts != AV_NOPTS_VALUE) {

@@ -35,6 +35,7 @@ private:
         AVRational timeBase{1, 1};
         double frameSeconds = 0;  // one frame's duration when the rate is known
         int64_t packets = 0;
+        bool keySeen = false;
         double seconds = 0;
         int64_t firstPts = AV_NOPTS_VALUE, lastPts = AV_NOPTS_VALUE;
         std::unique_ptr<DecodeCheck> check;
