@@ -173,6 +173,29 @@ TEST(ThoroughRepairOptionsTest, OldCallersAndOutputPath) {
     EXPECT_GE(CountDecodedVideoFrames(testing_support::Narrow(output)), 48);
 }
 
+// The record of a thorough repair serves GetRepairedFilePath and SaveAs as Repair's does.
+TEST(ThoroughRepairOptionsTest, RecordServesSaveAs) {
+    const EngineClip& clip = AllEngineClips()[1];
+    std::string healthy = MakeEngineClip(clip, false);
+    TempDir dir("saveas");
+    std::string damaged = dir.file("damaged." + clip.extension);
+    WriteFile(damaged, ReadFile(healthy).substr(0, size_t(testing_support::FileSize(healthy) * 7 / 10)));
+    IVideoRepairManager* manager = nullptr;
+    ASSERT_EQ(InitKzVideoRepairLib(&manager), 0);
+    testing_support::RecordingObserver observer;
+    manager->Initialize(&observer, dir.wpath().c_str(), dir.wfile("work").c_str());
+    ThoroughRepairOptions options{};
+    options.size = sizeof options;
+    std::wstring video = testing_support::Wide(damaged), saved = dir.wfile("saved." + clip.extension);
+    ASSERT_EQ(manager->RepairWithOptions(video.c_str(), L"", kRepairOptionThorough, &options), 0);
+    wchar_t path[4096];
+    ASSERT_EQ(manager->GetRepairedFilePath(path, video.c_str()), 0);
+    EXPECT_EQ(manager->SaveAs(video.c_str(), saved.c_str()), 0);
+    manager->Release();
+    EXPECT_EQ(ReadFile(testing_support::Narrow(saved)), ReadFile(testing_support::Narrow(path)));
+    EXPECT_GT(CountBitExactFrames(testing_support::Narrow(saved), healthy), 30);
+}
+
 // Cancel half way: the repair still returns a playable file with what it found.
 TEST(ThoroughRepairCancelTest, CancelKeepsAPlayableResult) {
     std::string healthy = testing_support::GeneratedMedia(
