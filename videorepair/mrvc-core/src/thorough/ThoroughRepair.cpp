@@ -78,8 +78,9 @@ int ThoroughRepair::Run(ThoroughOutcome& outcome) {
 
     Candidate asIs{kVerdictAsIs, std::wstring(), {}, true};
     bool asIsCounted = false;
-    std::vector<Candidate> candidates{Rebuild(sample, asIs, asIsCounted)};
-    if (!asIsCounted && !control_.ShouldStop()) CountAsIs(sample, asIs);
+    AsIsCounter counter(job_.damagedPath, sample, control_, job_.fullDecodeCheck);
+    std::vector<Candidate> candidates{Rebuild(sample, counter, asIs, asIsCounted)};
+    if (!asIsCounted) TakeAsIsCount(counter, asIs);
     if (!control_.ShouldStop()) candidates.push_back(FromCarver(sample, asIs));
     if (carving && CarvingMayHelp(asIs) && !control_.ShouldStop()) candidates.push_back(FromCarvingRepair(sample));
 
@@ -120,10 +121,12 @@ std::wstring ThoroughRepair::TemporaryPath() {
     return path;
 }
 
-Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted) {
+Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs,
+                                  bool& asIsCounted) {
     ContainerStrategy* strategy = strategy_.get();
     std::unique_ptr<ByteSource> cleaned = strategy->Clean(job_.damagedPath, job_.samplePath, control_.Log());
     bool remux = cleaned == nullptr;
+    if (!remux) counter.Start();
     Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false};
     Demuxer input;
     bool opened = remux ? input.OpenFile(job_.damagedPath) : input.OpenSource(std::move(cleaned), strategy->CleanedFormat());
@@ -143,6 +146,7 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
     // Where the cleaning changed nothing, what was read is the file as it is, and
     // a second pass over it would only count the same packets again.
     if (!input.ReadOtherThanFile() && !result.stopped) {
+        counter.Abandon();
         asIs.count = result.read;
         asIsCounted = true;
         NoteAsIsFormat(input);
@@ -153,16 +157,15 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
     return candidate;
 }
 
-void ThoroughRepair::CountAsIs(const SampleModel& sample, Candidate& asIs) {
-    auto start = std::chrono::steady_clock::now();
-    Demuxer input;
-    bool opened = input.OpenFile(job_.damagedPath);
-    NoteAsIsFormat(input);
-    if (opened) {
-        PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.asIs};
-        asIs.count = RemuxPass(sample, control_).Run(input, std::wstring(), MuxerChoice(), settings).read;
-    }
-    judgeSeconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+// Once the host asked to stop, what the rebuild found is kept, quickly: a count
+// of the damaged file (stopped half way, or done) would only pick a copy of the
+// whole file, which the host did not wait for.
+void ThoroughRepair::TakeAsIsCount(AsIsCounter& counter, Candidate& asIs) {
+    if (control_.ShouldStop()) return counter.Abandon();
+    AsIsCounter::Result result = counter.Started() ? counter.Finish() : counter.Count(plan_.asIs, size_);
+    judgeSeconds_ += result.seconds;
+    asIsReadsOwnFormat_ = result.format == DemuxerFor(job_.formatName);
+    if (result.complete && !control_.ShouldStop()) asIs.count = result.count;
 }
 
 void ThoroughRepair::NoteAsIsFormat(const Demuxer& input) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VideoRepairOptions.h"
+#include "thorough/AsIsCounter.h"
 #include "thorough/Demuxer.h"
 #include "thorough/MediaTally.h"
 #include "thorough/RepairControl.h"
@@ -51,8 +52,8 @@ private:
 
     bool Readable();
     std::wstring TemporaryPath();
-    Candidate Rebuild(const SampleModel& sample, Candidate& asIs, bool& asIsCounted);
-    void CountAsIs(const SampleModel& sample, Candidate& asIs);
+    Candidate Rebuild(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs, bool& asIsCounted);
+    void TakeAsIsCount(AsIsCounter& counter, Candidate& asIs);
     Candidate FromCarver(const SampleModel& sample, const Candidate& asIs);
     Candidate FromCarvingRepair(const SampleModel& sample);
     bool CarvingMayHelp(const Candidate& asIs) const;
