@@ -77,24 +77,32 @@ void AppendUnit(std::string& out, const uint8_t* data, size_t size) {
 
 uint32_t Be16(const uint8_t* p) { return uint32_t(p[0]) << 8 | p[1]; }
 
+// Appends count units stored as 16-bit length and bytes from at on; false when
+// a length runs past the record.
+bool AppendLengthPrefixed(std::string& out, const uint8_t* p, size_t size, size_t& at, unsigned count) {
+    for (unsigned i = 0; i < count && at + 2 <= size; ++i) {
+        size_t length = Be16(p + at);
+        at += 2;
+        if (at + length > size) return false;
+        AppendUnit(out, p + at, length);
+        at += length;
+    }
+    return true;
+}
+
+// avcC: a list of SPS (count in the low 5 bits), then a list of PPS.
 std::string FromAvcC(const uint8_t* p, size_t size) {
     std::string out;
-    if (size < 7) return out;
     size_t at = 5;
     for (int list = 0; list < 2 && at < size; ++list) {
         unsigned count = list == 0 ? p[at] & 0x1F : p[at];
         ++at;
-        for (unsigned i = 0; i < count && at + 2 <= size; ++i) {
-            size_t length = Be16(p + at);
-            at += 2;
-            if (at + length > size) return out;
-            AppendUnit(out, p + at, length);
-            at += length;
-        }
+        if (!AppendLengthPrefixed(out, p, size, at, count)) break;
     }
     return out;
 }
 
+// hvcC: 23 bytes of header, then arrays of one NAL type each.
 std::string FromHvcC(const uint8_t* p, size_t size) {
     std::string out;
     if (size < 23) return out;
@@ -102,13 +110,7 @@ std::string FromHvcC(const uint8_t* p, size_t size) {
     for (unsigned array = 0, arrays = p[22]; array < arrays && at + 3 <= size; ++array) {
         unsigned count = Be16(p + at + 1);
         at += 3;
-        for (unsigned i = 0; i < count && at + 2 <= size; ++i) {
-            size_t length = Be16(p + at);
-            at += 2;
-            if (at + length > size) return out;
-            AppendUnit(out, p + at, length);
-            at += length;
-        }
+        if (!AppendLengthPrefixed(out, p, size, at, count)) break;
     }
     return out;
 }

@@ -21,22 +21,36 @@ private:
 
 }  // namespace
 
-std::string MuxerFor(const std::string& formatName) {
-    static const std::map<std::string, std::string> muxers = {
-        {"avi", "avi"}, {"flv", "flv"},  {"mkv", "matroska"}, {"mxf", "mxf"},      {"klv", "mxf"},
-        {"wmv", "asf"}, {"asf", "asf"},  {"mpeg", "mpeg"},    {"mts", "mpegts"},   {"m2ts", "mpegts"},
+namespace {
+
+// libavformat's names for each container: the muxer that writes it, the demuxer
+// that reads it.
+struct FormatNames {
+    const char* muxer;
+    const char* demuxer;
+};
+
+const FormatNames* NamesOf(const std::string& formatName) {
+    static const std::map<std::string, FormatNames> names = {
+        {"avi", {"avi", "avi"}},   {"flv", {"flv", "flv"}},       {"mkv", {"matroska", "matroska,webm"}},
+        {"mxf", {"mxf", "mxf"}},   {"klv", {"mxf", "mxf"}},       {"wmv", {"asf", "asf"}},
+        {"asf", {"asf", "asf"}},   {"mpeg", {"mpeg", "mpeg"}},    {"mts", {"mpegts", "mpegts"}},
+        {"m2ts", {"mpegts", "mpegts"}},
     };
-    auto found = muxers.find(formatName);
-    return found != muxers.end() ? found->second : std::string();
+    auto found = names.find(formatName);
+    return found != names.end() ? &found->second : nullptr;
+}
+
+}  // namespace
+
+std::string MuxerFor(const std::string& formatName) {
+    const FormatNames* names = NamesOf(formatName);
+    return names != nullptr ? names->muxer : "";
 }
 
 std::string DemuxerFor(const std::string& formatName) {
-    static const std::map<std::string, std::string> demuxers = {
-        {"avi", "avi"}, {"flv", "flv"}, {"mkv", "matroska,webm"}, {"mxf", "mxf"},     {"klv", "mxf"},
-        {"wmv", "asf"}, {"asf", "asf"}, {"mpeg", "mpeg"},         {"mts", "mpegts"}, {"m2ts", "mpegts"},
-    };
-    auto found = demuxers.find(formatName);
-    return found != demuxers.end() ? found->second : std::string();
+    const FormatNames* names = NamesOf(formatName);
+    return names != nullptr ? names->demuxer : "";
 }
 
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
