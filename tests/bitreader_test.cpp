@@ -3,7 +3,6 @@
 #include <vector>
 
 #include "util/BitReader.h"
-#include "util/Ebml.h"
 
 using util::BitReader;
 
@@ -97,44 +96,4 @@ TEST(BitReader, SkipPastTheEndFails) {
     EXPECT_TRUE(r2.skipBits(32));
     uint64_t v = 0;
     EXPECT_FALSE(r2.readBits(1, v));
-}
-
-TEST(Ebml, NumbersOfEveryLength) {
-    for (uint32_t length = 1; length <= 8; ++length) {
-        std::vector<uint8_t> bytes(length, 0);
-        bytes[0] = uint8_t(0x80 >> (length - 1));
-        bytes[length - 1] |= 0x05;  // value 5, or marker|5 for one byte
-        util::EbmlNumber n;
-        ASSERT_TRUE(util::ReadEbmlNumber(bytes.data(), bytes.size(), n)) << length;
-        EXPECT_EQ(n.length, length);
-        EXPECT_EQ(n.value, 5u) << length;
-        EXPECT_FALSE(n.allOnes);
-    }
-}
-
-TEST(Ebml, AllOnesIsTheUnknownSize) {
-    std::vector<uint8_t> one = {0xFF};
-    std::vector<uint8_t> eight = {0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-    util::EbmlNumber n;
-    ASSERT_TRUE(util::ReadEbmlNumber(one.data(), 1, n));
-    EXPECT_TRUE(n.allOnes);
-    EXPECT_EQ(n.value, 127u);
-    ASSERT_TRUE(util::ReadEbmlNumber(eight.data(), 8, n));
-    EXPECT_TRUE(n.allOnes);
-    EXPECT_EQ(n.value, (1ull << 56) - 1);
-}
-
-TEST(Ebml, InvalidOrShortNumbersFail) {
-    std::vector<uint8_t> zero = {0x00, 0x01};
-    std::vector<uint8_t> shortFour = {0x10, 0x00};
-    util::EbmlNumber n;
-    EXPECT_EQ(util::EbmlMarkerLength(0x00), 0u);
-    EXPECT_EQ(util::EbmlMarkerLength(0x01), 8u);
-    EXPECT_FALSE(util::ReadEbmlNumber(zero.data(), 2, n));
-    EXPECT_FALSE(util::ReadEbmlNumber(shortFour.data(), 2, n));
-    uint32_t id = 0, len = 0;
-    std::vector<uint8_t> cluster = {0x1F, 0x43, 0xB6, 0x75};
-    ASSERT_TRUE(util::ReadEbmlId(cluster.data(), 4, id, len));
-    EXPECT_EQ(id, 0x1F43B675u);
-    EXPECT_EQ(len, 4u);
 }
