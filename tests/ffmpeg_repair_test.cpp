@@ -77,9 +77,14 @@ TEST_F(FfmpegRepair, StreamCopiesIntoTheWorkFolderAndRecordsIt) {
 TEST_F(FfmpegRepair, NamesWithBlanksAndShellCharactersAreNeverInterpreted) {
     std::string source = SourceClip();
     ASSERT_FALSE(source.empty());
+    const std::string longDir(250, 'd');
     fs::create_directories(dir_.file("with blanks"));
+    fs::create_directories(dir_.file(longDir));
     // A shell would create "pwned" in the working directory of the child, which is ours.
-    for (std::string name : {"with blanks/a clip.avi", "$(touch pwned).avi", "a;touch pwned;.avi", "`touch pwned`.avi"}) {
+    for (std::string name : {std::string("with blanks/a clip.avi"), std::string("$(touch pwned).avi"),
+                             std::string("a;touch pwned;.avi"), std::string("`touch pwned` 'q' \"d\".avi"),
+                             std::string("\xC3\xA9\xC3\xBC \xD0\x96 \xE6\xBC\xA2.avi"),
+                             longDir + "/" + std::string(246, 'n') + ".avi"}) {
         std::string input = dir_.file(name);
         fs::copy_file(source, input);
         const repair_harness::InputGuard guard(input);

@@ -269,7 +269,7 @@ TEST_P(HostileInput, SizesThatLieInTheDamagedFileOrTheSample) {
 namespace {
 
 // Blanks, both quotes, "$", ";", back-quotes, non-ASCII letters.
-const char kAwkwardName[] = "a b 'q' \"d\" $HOME ;x `id` \xC3\xA9\xC3\xBC \xD0\x96 \xE6\xBC\xA2";
+const char kAwkwardName[] = "a b 'q' \"d\" $HOME ;x `touch pwned` \xC3\xA9\xC3\xBC \xD0\x96 \xE6\xBC\xA2";
 
 }  // namespace
 
@@ -291,32 +291,7 @@ TEST_P(HostileInput, AwkwardNamesAndLongComponentsRepairLikeAnyOther) {
         EXPECT_EQ(fs::path(run.repairedPath).parent_path(), fs::path(c[0]).parent_path());
         EXPECT_GT(testing_support::CountDecodedVideoFrames(run.repairedPath), 25) << run.repairedPath;
     }
-    EXPECT_FALSE(fs::exists("id")) << "a name was handed to a shell";
-}
-
-TEST(HostileNames, FfmpegRepairTakesAwkwardNamesAndLongComponents) {
-    const EngineClip& clip = AllEngineClips()[0];
-    const std::string good = MakeEngineClip(clip, false);
-    ASSERT_FALSE(good.empty());
-    TempDir dir("hostilenames");
-    const std::string longDir = dir.file(std::string(250, 'd'));
-    fs::create_directories(longDir);
-    IVideoRepairManager* manager = nullptr;
-    ASSERT_EQ(InitKzVideoRepairLib(&manager), 0);
-    testing_support::RecordingObserver observer;
-    manager->Initialize(&observer, dir.wpath().c_str(), dir.wfile("work").c_str());
-    for (const std::string& path : {dir.file(std::string(kAwkwardName) + ".avi"),
-                                    longDir + "/" + std::string(246, 'n') + ".avi"}) {
-        WriteFile(path, ReadFile(good));
-        const InputGuard input(path);
-        const std::wstring wide = testing_support::Wide(path);
-        EXPECT_EQ(manager->FfmpegRepair(wide.c_str()), 0) << path;
-        wchar_t out[4096] = {};
-        ASSERT_EQ(manager->GetRepairedFilePath(out, wide.c_str()), 0) << path;
-        EXPECT_EQ(testing_support::CountDecodedVideoFrames(testing_support::Narrow(out)), 50) << path;
-        EXPECT_TRUE(input.Unchanged());
-    }
-    manager->Release();
+    EXPECT_FALSE(fs::exists("pwned")) << "a name was handed to a shell";
 }
 
 // ---- outputs that cannot be written ----
