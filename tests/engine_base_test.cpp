@@ -75,18 +75,6 @@ TEST(EngineBase, SetVideoPathWithTheEnginesOwnMembers) {
     EXPECT_EQ(engine.SamplePath(), L"/b.avi");
 }
 
-TEST(EngineBase, SharedSlotsAnswerAsDocumented) {
-    FakeEngine engine(L"fake");
-    IAdvanceVideoRepair& e = engine;
-    int data = 0;
-    EXPECT_EQ(e.Unsupported(&data), -1);
-    std::wstring a, b;
-    bool called = false;
-    std::wstring viaCallbackSlot = e.GetRepairedVideo(a, L"/x.avi", L"", 0, [&](int) { called = true; });
-    EXPECT_EQ(viaCallbackSlot, e.GetRepairedVideo(b, L"/x.avi", L"", 0));
-    EXPECT_FALSE(called);
-}
-
 TEST(EngineBase, EntryIsLoggedWithClassAndSlotName) {
     TempDir dir;
     RepairLog log(0, dir.file("a.log"));

@@ -130,10 +130,3 @@ TEST(ManagerConfig, EngineStringsChangeOnlyWhereGiven) {
     EXPECT_EQ(m.Strings().values[2], L"c");
     EXPECT_EQ(m.Strings().values[3], L"d");
 }
-
-TEST(ManagerConfig, ReservedSlotAlwaysFails) {
-    VideoRepairManager m;
-    int x = 0;
-    EXPECT_EQ(m.Reserved(nullptr), -1);
-    EXPECT_EQ(m.Reserved(&x), -1);
-}
