@@ -199,27 +199,6 @@ TEST(AviOutput, IndexOf65535EntriesIsWrittenButNotOf65536) {
     }
 }
 
-TEST(AviRepair, RefusesWhatItCannotUse) {
-    {
-        AviAdvanceRepair engine;
-        EXPECT_EQ(engine.Repair(), -1) << "no paths";
-        engine.Release();
-    }
-    {
-        AviRun run;
-        EXPECT_EQ(run.Repair(Filler(5000)), -1) << "no movi word, no chunk id";
-    }
-    {
-        AviRun run;
-        run.engine.SetVideoPath(run.dir.wfile("missing.avi"), run.dir.wfile("sample.avi"));
-        EXPECT_EQ(run.engine.Repair(), -1);
-    }
-    {
-        AviRun run;
-        EXPECT_EQ(run.Repair(std::string(), std::string()), -1) << "empty damaged file";
-    }
-}
-
 TEST(AviRepair, MissingSampleGivesOutputWithoutHeaderAndProgressMilestones) {
     AviRun run;
     const std::string damaged = "movi" + Chunk("00dc", "abcd");

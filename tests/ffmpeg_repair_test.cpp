@@ -107,6 +107,15 @@ TEST_F(FfmpegRepair, AFailingCopyReportsNinetyNineAndLeavesNoRecord) {
     EXPECT_TRUE(guard.Unchanged());
 }
 
+TEST_F(FfmpegRepair, AWorkFolderThatCannotBeMadeFailsWithALine) {
+    std::string input = dir_.file("clip.avi");
+    fs::copy_file(SourceClip(), input);
+    WriteFile(dir_.file("plain_file"), "x");  // a folder below a regular file cannot be made, whoever asks
+    ASSERT_EQ(manager_->Initialize(&observer_, dir_.wpath().c_str(), dir_.wfile("plain_file/work").c_str()), 0);
+    EXPECT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), -1);
+    EXPECT_NE(ReadFile(dir_.file("KzVideoRepair.log")).find("FfmpegRepair failed"), std::string::npos);
+}
+
 TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {
     TempDir dir;
     std::string out;

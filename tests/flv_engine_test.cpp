@@ -122,19 +122,10 @@ TEST_P(FlvScan, FindsTheRunsAndWritesThemBehindTheSampleHead) {
 INSTANTIATE_TEST_SUITE_P(Layouts, FlvScan, ::testing::ValuesIn(kScanCases),
                          [](const ::testing::TestParamInfo<ScanCase>& info) { return info.param.name; });
 
-TEST(FlvRepair, RefusesMissingInputs) {
-    FlvAdvanceRepair engine;
-    EXPECT_EQ(engine.Repair(), -1);
-    TempDir dir("flvbad");
-    WriteFile(dir.file("ok.flv"), Tags(2, 50));
-    engine.SetVideoPath(dir.wfile("ok.flv"), dir.wfile("missing.flv"));
-    EXPECT_EQ(engine.Repair(), -1) << "sample missing";
-    engine.SetVideoPath(dir.wfile("missing.flv"), dir.wfile("ok.flv"));
-    EXPECT_EQ(engine.Repair(), -1) << "damaged missing";
-    engine.SetVideoPath(dir.wfile("ok.flv"), dir.wfile("ok.flv"));
-    EXPECT_EQ(engine.Repair(), 0);
+TEST(FlvRepair, OutputThatCannotBeCreatedGivesNoPath) {
+    FlvRunner run;
+    ASSERT_EQ(run.Repair(Tags(2, 50)), 0);
     std::wstring result;
-    engine.GetRepairedVideo(result, dir.wfile("no/such/dir/x.flv"), L"", 0);
-    EXPECT_TRUE(result.empty()) << "output cannot be created";
-    engine.Release();
+    run.engine.GetRepairedVideo(result, run.dir.wfile("no/such/dir/x.flv"), L"", 0);
+    EXPECT_TRUE(result.empty());
 }
