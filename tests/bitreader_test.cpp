@@ -30,38 +30,21 @@ std::vector<uint8_t> Pattern(size_t n) {
 
 }  // namespace
 
-TEST(BitReader, ZeroBitsSucceedWithoutConsuming) {
-    std::vector<uint8_t> d = {0xAB};
-    BitReader r(d.data(), 1);
-    uint64_t v = 99;
-    EXPECT_TRUE(r.readBits(0, v));
-    EXPECT_EQ(v, 0u);
-    EXPECT_TRUE(r.readBits(8, v));
-    EXPECT_EQ(v, 0xABu);
-}
-
-TEST(BitReader, SixtyFourBitsOnAFullCache) {
-    auto d = Pattern(24);
-    BitReader r(d.data(), uint32_t(d.size()));
-    uint64_t v = 0;
-    ASSERT_TRUE(r.readBits(64, v));
-    EXPECT_EQ(v, BitsAt(d, 0, 64));
-    ASSERT_TRUE(r.readBits(3, v));
-    EXPECT_EQ(v, BitsAt(d, 64, 3));
-    ASSERT_TRUE(r.readBits(64, v));  // straddles the provider's 8-byte pieces
-    EXPECT_EQ(v, BitsAt(d, 67, 64));
-    EXPECT_EQ(r.position(), 131u);
-}
-
-TEST(BitReader, MixedWidthsMatchTheReference) {
-    auto d = Pattern(200);
-    BitReader r(d.data(), uint32_t(d.size()));
-    uint64_t pos = 0;
-    for (uint32_t n : {1u, 7u, 13u, 64u, 33u, 5u, 63u, 2u, 64u, 64u, 17u, 40u}) {
-        uint64_t v = 0;
-        ASSERT_TRUE(r.readBits(n, v)) << n;
-        EXPECT_EQ(v, BitsAt(d, pos, n)) << "width " << n << " at " << pos;
-        pos += n;
+// From a fresh reader each: zero bits consume nothing; 64 bits on a full cache,
+// then 64 straddling the provider's 8-byte pieces; widths of every kind.
+TEST(BitReader, ReadsOfEveryWidthMatchTheReference) {
+    const auto d = Pattern(200);
+    for (const std::vector<uint32_t>& widths : {std::vector<uint32_t>{0, 8}, std::vector<uint32_t>{64, 3, 64},
+                                                std::vector<uint32_t>{1, 7, 13, 64, 33, 5, 63, 2, 64, 64, 17, 40}}) {
+        BitReader r(d.data(), uint32_t(d.size()));
+        uint64_t pos = 0;
+        for (uint32_t n : widths) {
+            uint64_t v = 99;
+            ASSERT_TRUE(r.readBits(n, v)) << n;
+            EXPECT_EQ(v, BitsAt(d, pos, n)) << "width " << n << " at " << pos;
+            pos += n;
+            EXPECT_EQ(r.position(), pos);
+        }
     }
 }
 

@@ -140,14 +140,6 @@ TEST(EbmlNumbers, EveryLengthRoundTripsAndAllOnesIsReserved) {
     EXPECT_FALSE(util::ParseEbmlHeader(fiveByteId, sizeof fiveByteId, header));
 }
 
-TEST_F(MkvBytesTest, HeadGivesTracksAndScale) {
-    Load(Head() + Cluster(0, FourBlocks()));
-    ASSERT_EQ(head_.tracks.size(), 2u);
-    EXPECT_EQ(head_.timestampScale, 1000000u);
-    EXPECT_EQ(head_.CueTrack()->number, 1u);
-    EXPECT_EQ(head_.end, int64_t(Head().size()));
-}
-
 TEST_F(MkvBytesTest, HeadWithDuplicateTrackNumbersIsRefused) {
     std::string bytes = Head();
     size_t at = bytes.find(std::string("\xD7\x88\0\0\0\0\0\0\0\x02", 10));

@@ -165,19 +165,3 @@ TEST(MpegAdvanceRepairEngine, SampleFfmpegOrDamagedFileUnusable) {
         EXPECT_EQ(run.Output(damaged), "") << row.what;
     }
 }
-
-TEST(MpegAdvanceRepairEngine, NoiseGivesNoSamplesAndNoOutput) {
-    EngineRun run;
-    MpegMedia media = Mpeg2WithMp2();
-    const std::string sample = run.dir.file("sample.mpg");
-    WriteFile(sample, ReadFile(media.sample));
-    std::string noise(300000, '\0');
-    for (size_t i = 0; i < noise.size(); ++i) noise[i] = char(0x80 | ((i * 2654435761u) >> 11));  // never 00 or 01
-    const std::string damaged = run.dir.file("noise.mpg");
-    WriteFile(damaged, noise);
-    ASSERT_EQ(run.Repair(damaged, sample), 0);
-    EXPECT_TRUE(run.engine.VideoSamples().empty());
-    EXPECT_EQ(run.progress.back(), 100);
-    EXPECT_EQ(run.Output(damaged), "");
-    EXPECT_EQ(ReadFile(damaged), noise);
-}
