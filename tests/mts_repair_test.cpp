@@ -113,6 +113,9 @@ const std::vector<ScanCase> kScanCases = {
     // One bad sync byte, or a whole bad packet, ends a run; the scan finds the next.
     {"BadPacketEndsARun", Packets(20) + std::string(188, '\x00') + Packets(20), {{0, 20 * 188}, {21 * 188, 41 * 188}}},
     {"BadSyncByteEndsARun", WithByte(Packets(30), 15 * 188, 'X'), {{0, 15 * 188}, {16 * 188, 30 * 188}}},
+    // The next run is searched for right behind the break, not a packet further on.
+    {"RunRightAfterAShortGap", Packets(20) + std::string(100, '\x00') + Packets(20),
+     {{0, 20 * 188}, {20 * 188 + 100, 40 * 188 + 100}}},
     // Starting at packet 6 of a ten-packet block, offsets 0..939 are tried, so
     // the run is picked up at the second block, 4 packets in...
     {"RunStartingLateInABlock", std::string(6 * 188, '\x01') + Packets(30), {{1880, 36 * 188}}},
@@ -129,6 +132,8 @@ const std::vector<ScanCase> kScanCases = {
     // lies below the prefix length and is passed over; the next starts the run.
     {"PrefixedPacketsKeepTheirPrefixes", Packets(20, 192, 4).substr(2), {{190, 20 * 192 - 2 + 4}}, true},
 };
+
+void PrintTo(const ScanCase& c, std::ostream* os) { *os << c.name; }
 
 class MtsRunScan : public ::testing::TestWithParam<ScanCase> {};
 
