@@ -127,6 +127,8 @@ const std::vector<WalkCase> kWalkCases = {
      0, false, {{"00dc", 16, 4, 6}, {"01wb", 0, 28, 8}, {"00db", 16, 44, 4}, {"01pc", 0, 56, 0}, {"ix00", 0, 64, 2}}, 0},
 };
 
+void PrintTo(const WalkCase& c, std::ostream* os) { *os << c.name; }
+
 class AviWalk : public ::testing::TestWithParam<WalkCase> {};
 
 }  // namespace

@@ -176,6 +176,8 @@ struct ControlCase {
     Then then;
 };
 
+void PrintTo(const ControlCase& c, std::ostream* os) { *os << c.name; }
+
 class CarvingControl : public ::testing::TestWithParam<ControlCase> {};
 
 }  // namespace

@@ -103,6 +103,8 @@ const std::vector<ScanCase> kScanCases = {
     {"SizeWordDisagrees", Tag(9, 600) + SizeWordOff() + Tags(4, 600), {{0, 600}, {1800, 3600}}},
 };
 
+void PrintTo(const ScanCase& c, std::ostream* os) { *os << c.name; }
+
 class FlvScan : public ::testing::TestWithParam<ScanCase> {};
 
 }  // namespace

@@ -228,6 +228,8 @@ const std::vector<ScanCase> kScanCases = {
      {}},
 };
 
+void PrintTo(const ScanCase& c, std::ostream* os) { *os << c.name; }
+
 class MkvScan : public MkvBytesTest, public ::testing::WithParamInterface<ScanCase> {};
 
 }  // namespace
