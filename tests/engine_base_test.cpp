@@ -61,12 +61,6 @@ TEST(EngineBase, ProgressIsClampedAndReportedOnlyWhenItGrows) {
     EXPECT_EQ(seen.back(), 3);
 }
 
-TEST(EngineBase, NoCallbackNoLoggerStillWorks) {
-    FakeEngine engine(L"fake");
-    engine.SetVideoPath(L"/a.avi", L"/b.avi");
-    EXPECT_EQ(engine.Repair(), 0);
-}
-
 TEST(EngineBase, SetVideoPathWithTheEnginesOwnMembers) {
     FakeEngine engine(L"fake");
     engine.SetVideoPath(L"/a.avi", L"/b.avi");
