@@ -153,7 +153,7 @@ TEST_F(ManagerRoad, ReinitializeForgetsRecordsAndEngines) {
 }
 
 TEST_F(ManagerRoad, PauseResumeAndCancelReachARunningRepair) {
-    nextBlocks_ = 1000000;
+    nextBlocks_ = -1;  // until cancelled, however slowly this thread gets to look
     auto running = std::async(std::launch::async, [this] { return manager_->Repair(L"/d/a.avi", L"/s/a.avi"); });
     while (FirstCreated() == nullptr || !FirstCreated()->inRepair) std::this_thread::sleep_for(1ms);
     manager_->Pause(42);
@@ -165,9 +165,7 @@ TEST_F(ManagerRoad, PauseResumeAndCancelReachARunningRepair) {
     manager_->Resume(42);
     EXPECT_FALSE(created_[0]->IsPaused());
     manager_->Cancel(42);
-    ASSERT_EQ(running.wait_for(20s), std::future_status::ready);
     EXPECT_EQ(running.get(), 0);  // the engine keeps what it found
-    EXPECT_LT(created_[0]->blocksDone.load(), 1000000);
     auto events = observer_.Events();
     EXPECT_NE(std::find(events.begin(), events.end(), "paused"), events.end());
     EXPECT_NE(std::find(events.begin(), events.end(), "resumed"), events.end());
