@@ -129,17 +129,6 @@ TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {
               std::string::npos);
 }
 
-TEST(RunCommand, KeepsExactlyTheNewest64KiBOfMergedOutput) {
-    ScopedEnv bytes("FAKE_CHILD_BYTES", "100000");
-    std::string output;
-    int code = RunCommand(Wide("\"" + BinDir() + "/fake_child\" -y -i \"in put\" \"out\""), output);
-    EXPECT_EQ(code, 0);
-    ASSERT_EQ(output.size(), 65536u);
-    std::string expected;
-    for (long i = 100000 - 65536; i < 100000; ++i) expected.push_back(char('a' + i % 26));
-    EXPECT_EQ(output, expected);
-}
-
 TEST(RunCommand, ExitCodesAndStartFailures) {
     ScopedEnv code("FAKE_CHILD_EXIT", "3");
     std::string output;
