@@ -115,133 +115,116 @@ void ExpectStaysPaused(GateObserver& observer, BackgroundRepair& repair) {
 
 constexpr size_t kBigBytes = 64u << 20;
 
-std::string MjpegClip(bool sample) {
-    return testing_support::GeneratedMedia(
-        sample ? "control_mjpeg_sample.avi" : "control_mjpeg_clip.avi",
-        {"-f", "lavfi", "-i", sample ? "testsrc2=size=320x240:rate=25" : "testsrc=size=320x240:rate=25", "-t", "2",
-         "-c:v", "mjpeg", "-q:v", "2"});
+std::string Repeat(std::string head, const std::string& body) {
+    head.reserve(kBigBytes + body.size());
+    while (head.size() < kBigBytes) head += body;
+    return head;
 }
+
+std::string Clip(const std::string& codec, const std::string& ext, bool sample) {
+    return testing_support::GeneratedMedia(
+        "control_" + codec + (sample ? "_sample." : "_clip.") + ext,
+        {"-f", "lavfi", "-i", sample ? "testsrc2=size=320x240:rate=25" : "testsrc=size=320x240:rate=25", "-t", "2",
+         "-c:v", codec, "-q:v", "2"});
+}
+
+struct Container {
+    std::string ext, codec;
+    std::vector<int> gates;  // where the repair is held: the pause lands at the first
+    std::string (*big)(const std::string& clip);
+    // Checks the output of a repair cancelled right after its first chunk or tag.
+    void (*expectFirstUnitOnly)(const std::string& path, const std::string& out, const std::string& big, const std::string& sample);
+};
 
 // The clip's header and then its chunks over and over, without an index.
 std::string BigAvi(const std::string& clip) {
     const size_t movi = clip.find("movi"), idx1 = clip.rfind("idx1");
-    const std::string chunks = clip.substr(movi + 4, idx1 - movi - 4);
-    std::string big = clip.substr(0, movi + 4);
-    big.reserve(kBigBytes + chunks.size());
-    while (big.size() < kBigBytes) big += chunks;
-    return big;
+    return Repeat(clip.substr(0, movi + 4), clip.substr(movi + 4, idx1 - movi - 4));
 }
 
-std::string Flv1Clip(bool sample) {
-    return testing_support::GeneratedMedia(
-        sample ? "control_flv1_sample.flv" : "control_flv1_clip.flv",
-        {"-f", "lavfi", "-i", sample ? "testsrc2=size=320x240:rate=25" : "testsrc=size=320x240:rate=25", "-t", "2",
-         "-c:v", "flv", "-q:v", "2"});
-}
-
-// The clip's tags over and over behind its 13-byte head: one long run.
-std::string BigFlv(const std::string& clip) {
-    const std::string tags = clip.substr(13);
-    std::string big = clip.substr(0, 13);
-    big.reserve(kBigBytes + tags.size());
-    while (big.size() < kBigBytes) big += tags;
-    return big;
-}
-
-}  // namespace
-
-TEST(CarvingControl, AviPausesResumesAndCancelsKeepingWhatWasFound) {
-    const std::string clip = MjpegClip(false), sample = MjpegClip(true);
-    ASSERT_FALSE(clip.empty());
-    ASSERT_FALSE(sample.empty());
-    TempDir dir("avictl");
-    const std::string damagedPath = dir.file("big.avi");
-    const std::string big = BigAvi(ReadFile(clip));
-    WriteFile(damagedPath, big);
-    const InputGuard input(damagedPath);
-
-    GateObserver observer({50, 60});
-    BackgroundRepair repair(observer, dir.path());
-    repair.Start(damagedPath, sample);
-
-    observer.WaitHeld();  // scanning, at 50 %
-    repair.Manager().Pause(0);
-    observer.LetGo();
-    ExpectStaysPaused(observer, repair);
-    repair.Manager().Resume(0);
-
-    observer.WaitHeld();  // scanning again, at 60 %
-    repair.Manager().Cancel(0);
-    observer.LetGo();
-    const auto cancelled = std::chrono::steady_clock::now();
-    EXPECT_EQ(repair.Finish(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - cancelled, std::chrono::seconds(5));
-
-    // The walk stopped after its first chunk: that chunk is the output's data,
-    // behind the sample's header, with a one-entry index.
-    const std::string out = ReadFile(repair.RepairedPath());
-    const std::string sampleBytes = ReadFile(sample);
-    const size_t headerLength = sampleBytes.find("movi") - 8;
+// The first chunk is the output's data, behind the sample's header, with a one-entry index.
+void AviFirstChunkOnly(const std::string& path, const std::string& out, const std::string& big, const std::string& sample) {
+    const size_t headerLength = sample.find("movi") - 8;
     ASSERT_GT(out.size(), headerLength + 12);
-    EXPECT_EQ(out.substr(8, 40), sampleBytes.substr(8, 40));
-    EXPECT_EQ(out.substr(52, headerLength - 52), sampleBytes.substr(52, headerLength - 52));
+    EXPECT_EQ(out.substr(8, 40), sample.substr(8, 40));
+    EXPECT_EQ(out.substr(52, headerLength - 52), sample.substr(52, headerLength - 52));
     const uint32_t moviSize = Le32At(out, headerLength + 4);
-    const size_t firstChunk = big.find("movi") + 4;
-    EXPECT_EQ(out.substr(headerLength + 12, moviSize - 4), big.substr(firstChunk, moviSize - 4));
+    EXPECT_EQ(out.substr(headerLength + 12, moviSize - 4), big.substr(big.find("movi") + 4, moviSize - 4));
     const size_t idx1 = headerLength + 8 + moviSize;
     EXPECT_EQ(out.substr(idx1, 4), "idx1");
     EXPECT_EQ(Le32At(out, idx1 + 4), 16u);
-    EXPECT_EQ(testing_support::CountDecodedVideoFrames(repair.RepairedPath()), 1);
-    EXPECT_TRUE(input.Unchanged());
+    EXPECT_EQ(testing_support::CountDecodedVideoFrames(path), 1);
 }
 
-TEST(CarvingControl, FlvCancelWhilePausedKeepsTheRunSoFar) {
-    const std::string clip = Flv1Clip(false), sample = Flv1Clip(true);
-    ASSERT_FALSE(clip.empty());
-    TempDir dir("flvctl");
-    const std::string damagedPath = dir.file("big.flv");
-    const std::string big = BigFlv(ReadFile(clip));
-    WriteFile(damagedPath, big);
-    const InputGuard input(damagedPath);
+// The clip's tags over and over behind its 13-byte head: one long run.
+std::string BigFlv(const std::string& clip) { return Repeat(clip.substr(0, 13), clip.substr(13)); }
 
-    GateObserver observer({20});
-    BackgroundRepair repair(observer, dir.path());
-    repair.Start(damagedPath, sample);
-    observer.WaitHeld();  // about to scan
-    repair.Manager().Pause(0);
-    observer.LetGo();
-    ExpectStaysPaused(observer, repair);  // held after the run's first tag
-    repair.Manager().Cancel(0);
-    EXPECT_EQ(repair.Finish(), 0);
-
-    const std::string out = ReadFile(repair.RepairedPath());
+void FlvFirstTagOnly(const std::string&, const std::string& out, const std::string& big, const std::string& sample) {
     const size_t firstTag = 11 + ((uint32_t(uint8_t(big[14])) << 16) | (uint32_t(uint8_t(big[15])) << 8) |
                                   uint32_t(uint8_t(big[16]))) + 4;
-    EXPECT_EQ(out, ReadFile(sample).substr(0, 13) + big.substr(13, firstTag));
-    EXPECT_TRUE(input.Unchanged());
+    EXPECT_EQ(out, sample.substr(0, 13) + big.substr(13, firstTag));
 }
 
-TEST(CarvingControl, FlvResumedRepairCarriesTheWholeRun) {
-    const std::string clip = Flv1Clip(false), sample = Flv1Clip(true);
+const Container kAvi{"avi", "mjpeg", {50, 60}, BigAvi, AviFirstChunkOnly};
+const Container kFlv{"flv", "flv", {20}, BigFlv, FlvFirstTagOnly};
+
+enum class Then { kResumeAndCancelAtTheNextGate, kCancelWhilePaused, kResume };
+
+struct ControlCase {
+    const char* name;
+    const Container* container;
+    Then then;
+};
+
+void PrintTo(const ControlCase& c, std::ostream* os) { *os << c.name; }
+
+class CarvingControl : public ::testing::TestWithParam<ControlCase> {};
+
+}  // namespace
+
+// A cancelled engine keeps what it found and the result is still written; a
+// resumed one carries on to the end.
+TEST_P(CarvingControl, PauseHoldsTheScanAndCancelKeepsWhatWasFound) {
+    const Container& c = *GetParam().container;
+    const std::string clip = Clip(c.codec, c.ext, false), sample = Clip(c.codec, c.ext, true);
     ASSERT_FALSE(clip.empty());
-    TempDir dir("flvres");
-    const std::string damagedPath = dir.file("big.flv");
-    const std::string big = BigFlv(ReadFile(clip));
+    ASSERT_FALSE(sample.empty());
+    TempDir dir("control");
+    const std::string damagedPath = dir.file("big." + c.ext);
+    const std::string big = c.big(ReadFile(clip));
     WriteFile(damagedPath, big);
     const InputGuard input(damagedPath);
 
-    GateObserver observer({20});
+    GateObserver observer(c.gates);
     BackgroundRepair repair(observer, dir.path());
     repair.Start(damagedPath, sample);
     observer.WaitHeld();
     repair.Manager().Pause(0);
     observer.LetGo();
-    SleepMs(600);
-    EXPECT_FALSE(repair.Done());
-    repair.Manager().Resume(0);
-    EXPECT_EQ(repair.Finish(), 0);
+    ExpectStaysPaused(observer, repair);
+    switch (GetParam().then) {
+        case Then::kResumeAndCancelAtTheNextGate:
+            repair.Manager().Resume(0);
+            observer.WaitHeld();
+            repair.Manager().Cancel(0);
+            observer.LetGo();
+            break;
+        case Then::kCancelWhilePaused: repair.Manager().Cancel(0); break;
+        case Then::kResume: repair.Manager().Resume(0); break;
+    }
+    ASSERT_EQ(repair.Finish(), 0);
     const std::string out = ReadFile(repair.RepairedPath());
-    ASSERT_EQ(out.size(), big.size());
-    EXPECT_TRUE(out.compare(13, std::string::npos, big, 13, std::string::npos) == 0);
+    if (GetParam().then == Then::kResume) {
+        ASSERT_EQ(out.size(), big.size());
+        EXPECT_TRUE(out.compare(13, std::string::npos, big, 13, std::string::npos) == 0);
+    } else {
+        c.expectFirstUnitOnly(repair.RepairedPath(), out, big, ReadFile(sample));
+    }
     EXPECT_TRUE(input.Unchanged());
 }
+
+INSTANTIATE_TEST_SUITE_P(Scripts, CarvingControl,
+                         ::testing::Values(ControlCase{"AviCancelAfterResume", &kAvi, Then::kResumeAndCancelAtTheNextGate},
+                                           ControlCase{"FlvCancelWhilePaused", &kFlv, Then::kCancelWhilePaused},
+                                           ControlCase{"FlvResumeCarriesTheWholeRun", &kFlv, Then::kResume}),
+                         [](const ::testing::TestParamInfo<ControlCase>& info) { return info.param.name; });

@@ -9,13 +9,6 @@
 using namespace testing_support;
 using namespace std::chrono_literals;
 
-namespace {
-
-// Waits for a repair running on another thread; a hang fails instead of blocking the suite.
-bool Finishes(std::future<int>& f) { return f.wait_for(20s) == std::future_status::ready; }
-
-}  // namespace
-
 TEST(EngineBase, StopBeforeRepairHasNoEffect) {
     FakeEngine engine(L"fake");
     engine.blocks = 5;
@@ -31,7 +24,6 @@ TEST(EngineBase, StopDuringRepairKeepsWhatWasDone) {
     auto f = std::async(std::launch::async, [&] { return engine.Repair(); });
     while (!engine.inRepair) std::this_thread::sleep_for(1ms);
     engine.Stop();  // clears the pause too, so the sleeping loop wakes and leaves
-    ASSERT_TRUE(Finishes(f));
     EXPECT_EQ(f.get(), 0);
     EXPECT_EQ(engine.blocksDone.load(), 1);
 }
@@ -45,7 +37,7 @@ TEST(EngineBase, PauseHoldsTheLoopUntilResume) {
     std::this_thread::sleep_for(600ms);
     EXPECT_EQ(engine.blocksDone.load(), 1);  // still held after more than one sleep step
     engine.Resume();
-    ASSERT_TRUE(Finishes(f));
+    EXPECT_EQ(f.get(), 0);
     EXPECT_EQ(engine.blocksDone.load(), 3);
 }
 
@@ -61,30 +53,12 @@ TEST(EngineBase, ProgressIsClampedAndReportedOnlyWhenItGrows) {
     EXPECT_EQ(seen.back(), 3);
 }
 
-TEST(EngineBase, NoCallbackNoLoggerStillWorks) {
-    FakeEngine engine(L"fake");
-    engine.SetVideoPath(L"/a.avi", L"/b.avi");
-    EXPECT_EQ(engine.Repair(), 0);
-}
-
 TEST(EngineBase, SetVideoPathWithTheEnginesOwnMembers) {
     FakeEngine engine(L"fake");
     engine.SetVideoPath(L"/a.avi", L"/b.avi");
     engine.SetVideoPath(engine.DamagedPath(), engine.SamplePath());
     EXPECT_EQ(engine.DamagedPath(), L"/a.avi");
     EXPECT_EQ(engine.SamplePath(), L"/b.avi");
-}
-
-TEST(EngineBase, SharedSlotsAnswerAsDocumented) {
-    FakeEngine engine(L"fake");
-    IAdvanceVideoRepair& e = engine;
-    int data = 0;
-    EXPECT_EQ(e.Unsupported(&data), -1);
-    std::wstring a, b;
-    bool called = false;
-    std::wstring viaCallbackSlot = e.GetRepairedVideo(a, L"/x.avi", L"", 0, [&](int) { called = true; });
-    EXPECT_EQ(viaCallbackSlot, e.GetRepairedVideo(b, L"/x.avi", L"", 0));
-    EXPECT_FALSE(called);
 }
 
 TEST(EngineBase, EntryIsLoggedWithClassAndSlotName) {

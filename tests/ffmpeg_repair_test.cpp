@@ -77,9 +77,14 @@ TEST_F(FfmpegRepair, StreamCopiesIntoTheWorkFolderAndRecordsIt) {
 TEST_F(FfmpegRepair, NamesWithBlanksAndShellCharactersAreNeverInterpreted) {
     std::string source = SourceClip();
     ASSERT_FALSE(source.empty());
+    const std::string longDir(250, 'd');
     fs::create_directories(dir_.file("with blanks"));
+    fs::create_directories(dir_.file(longDir));
     // A shell would create "pwned" in the working directory of the child, which is ours.
-    for (std::string name : {"with blanks/a clip.avi", "$(touch pwned).avi", "a;touch pwned;.avi", "`touch pwned`.avi"}) {
+    for (std::string name : {std::string("with blanks/a clip.avi"), std::string("$(touch pwned).avi"),
+                             std::string("a;touch pwned;.avi"), std::string("`touch pwned` 'q' \"d\".avi"),
+                             std::string("\xC3\xA9\xC3\xBC \xD0\x96 \xE6\xBC\xA2.avi"),
+                             longDir + "/" + std::string(246, 'n') + ".avi"}) {
         std::string input = dir_.file(name);
         fs::copy_file(source, input);
         const repair_harness::InputGuard guard(input);
@@ -102,6 +107,15 @@ TEST_F(FfmpegRepair, AFailingCopyReportsNinetyNineAndLeavesNoRecord) {
     EXPECT_TRUE(guard.Unchanged());
 }
 
+TEST_F(FfmpegRepair, AWorkFolderThatCannotBeMadeFailsWithALine) {
+    std::string input = dir_.file("clip.avi");
+    fs::copy_file(SourceClip(), input);
+    WriteFile(dir_.file("plain_file"), "x");  // a folder below a regular file cannot be made, whoever asks
+    ASSERT_EQ(manager_->Initialize(&observer_, dir_.wpath().c_str(), dir_.wfile("plain_file/work").c_str()), 0);
+    EXPECT_EQ(manager_->FfmpegRepair(Wide(input).c_str()), -1);
+    EXPECT_NE(ReadFile(dir_.file("KzVideoRepair.log")).find("FfmpegRepair failed"), std::string::npos);
+}
+
 TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {
     TempDir dir;
     std::string out;
@@ -113,17 +127,6 @@ TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {
     std::string isolated = fs::path(VR_TEST_ISOLATED_HOST).parent_path().string();
     EXPECT_NE(ReadFile(dir.file("KzVideoRepair.log")).find("FfmpegRepair failed, ffmpeg missing: " + isolated + "/ffmpeg"),
               std::string::npos);
-}
-
-TEST(RunCommand, KeepsExactlyTheNewest64KiBOfMergedOutput) {
-    ScopedEnv bytes("FAKE_CHILD_BYTES", "100000");
-    std::string output;
-    int code = RunCommand(Wide("\"" + BinDir() + "/fake_child\" -y -i \"in put\" \"out\""), output);
-    EXPECT_EQ(code, 0);
-    ASSERT_EQ(output.size(), 65536u);
-    std::string expected;
-    for (long i = 100000 - 65536; i < 100000; ++i) expected.push_back(char('a' + i % 26));
-    EXPECT_EQ(output, expected);
 }
 
 TEST(RunCommand, ExitCodesAndStartFailures) {

@@ -73,20 +73,6 @@ TEST(ManagerConfig, LogDirectoryIsUsedWhenItExistsElseTheHostFolder) {
     m.Release();
 }
 
-TEST(ManagerConfig, SecondInitializeAppendsToTheSameLog) {
-    TempDir dir;
-    RecordingObserver observer;
-    VideoRepairManager m;
-    ASSERT_EQ(m.Initialize(&observer, dir.wpath().c_str(), dir.wfile("w").c_str()), 0);
-    m.SaveAs(nullptr, L"/x");
-    ASSERT_EQ(m.Initialize(&observer, dir.wpath().c_str(), dir.wfile("w").c_str()), 0);
-    m.SaveAs(nullptr, L"/x");
-    m.Release();
-    auto lines = ReadLines(dir.file("KzVideoRepair.log"));
-    ASSERT_EQ(lines.size(), 2u);
-    for (const auto& line : lines) EXPECT_NE(line.find("SaveAs failed, invalid parameter -1"), std::string::npos);
-}
-
 TEST(ManagerConfig, UnwritableLogDirectoryStillInitializes) {
     // Even root cannot open a directory as the log file, so this holds for every user.
     TempDir dir;
@@ -129,11 +115,4 @@ TEST(ManagerConfig, EngineStringsChangeOnlyWhereGiven) {
     EXPECT_EQ(m.Strings().values[1], L"second");
     EXPECT_EQ(m.Strings().values[2], L"c");
     EXPECT_EQ(m.Strings().values[3], L"d");
-}
-
-TEST(ManagerConfig, ReservedSlotAlwaysFails) {
-    VideoRepairManager m;
-    int x = 0;
-    EXPECT_EQ(m.Reserved(nullptr), -1);
-    EXPECT_EQ(m.Reserved(&x), -1);
 }

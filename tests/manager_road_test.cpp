@@ -80,24 +80,27 @@ TEST_F(ManagerRoad, AFailedRepairEndsForTheObserverButLeavesNoRecord) {
     EXPECT_EQ(manager_->GetRepairedFilePath(path, L"/d/clip.avi"), -1);
 }
 
-TEST_F(ManagerRoad, EnginesAreReusedByFormatNameIgnoringCase) {
-    ASSERT_EQ(manager_->Repair(L"/d/a.avi", L"/s/a.avi"), 0);
-    ASSERT_EQ(manager_->Repair(L"/d/b.avi", L"/s/b.avi"), 0);
-    EXPECT_EQ(manager_->EngineCount(), 1u);
-    ASSERT_EQ(manager_->Repair(L"/d/C.AVI", L"/s/c.avi"), 0);  // upper case reuses...
-    EXPECT_EQ(manager_->EngineCount(), 1u);
-}
-
-TEST_F(ManagerRoad, UpperCaseExtensionsNeverCreateAnEngine) {
-    EXPECT_EQ(manager_->Repair(L"/d/C.AVI", L"/s/c.avi"), -1);  // ...but never creates
-    EXPECT_EQ(manager_->EngineCount(), 0u);
-    EXPECT_TRUE(observer_.Events().empty());
-}
-
-TEST_F(ManagerRoad, M2tsAfterMtsGetsASecondEngineUnlessTheNameMatches) {
-    ASSERT_EQ(manager_->Repair(L"/d/a.mts", L"/s/a.mts"), 0);
-    ASSERT_EQ(manager_->Repair(L"/d/a.m2ts", L"/s/a.m2ts"), 0);
-    EXPECT_EQ(manager_->EngineCount(), 2u);  // the first engine answers "mts", not "m2ts"
+// An engine is reused when its format name equals the extension, ignoring case,
+// but only an exact, lower-case extension creates one; the transport-stream
+// engine answers "mts", so an m2ts file after an mts file gets an engine of its own.
+TEST_F(ManagerRoad, EnginesAreMadeByExactExtensionAndReusedByFormatName) {
+    const struct {
+        std::vector<const wchar_t*> damaged;
+        int lastResult;
+        size_t engines;
+    } cases[] = {
+        {{L"/d/a.avi", L"/d/b.avi"}, 0, 1},
+        {{L"/d/a.avi", L"/d/C.AVI"}, 0, 1},
+        {{L"/d/C.AVI"}, -1, 0},
+        {{L"/d/a.mts", L"/d/a.m2ts"}, 0, 2},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(manager_->Initialize(&observer_, dir_.wpath().c_str(), dir_.wfile("work").c_str()), 0);
+        int result = 1;
+        for (const wchar_t* damaged : c.damaged) result = manager_->Repair(damaged, L"/s/sample");
+        EXPECT_EQ(result, c.lastResult) << Narrow(c.damaged.back());
+        EXPECT_EQ(manager_->EngineCount(), c.engines) << Narrow(c.damaged.back());
+    }
 }
 
 TEST_F(ManagerRoad, RefusedUnknownAndMissingExtensionsGetNothing) {
@@ -150,7 +153,7 @@ TEST_F(ManagerRoad, ReinitializeForgetsRecordsAndEngines) {
 }
 
 TEST_F(ManagerRoad, PauseResumeAndCancelReachARunningRepair) {
-    nextBlocks_ = 1000000;
+    nextBlocks_ = -1;  // until cancelled, however slowly this thread gets to look
     auto running = std::async(std::launch::async, [this] { return manager_->Repair(L"/d/a.avi", L"/s/a.avi"); });
     while (FirstCreated() == nullptr || !FirstCreated()->inRepair) std::this_thread::sleep_for(1ms);
     manager_->Pause(42);
@@ -162,9 +165,7 @@ TEST_F(ManagerRoad, PauseResumeAndCancelReachARunningRepair) {
     manager_->Resume(42);
     EXPECT_FALSE(created_[0]->IsPaused());
     manager_->Cancel(42);
-    ASSERT_EQ(running.wait_for(20s), std::future_status::ready);
     EXPECT_EQ(running.get(), 0);  // the engine keeps what it found
-    EXPECT_LT(created_[0]->blocksDone.load(), 1000000);
     auto events = observer_.Events();
     EXPECT_NE(std::find(events.begin(), events.end(), "paused"), events.end());
     EXPECT_NE(std::find(events.begin(), events.end(), "resumed"), events.end());

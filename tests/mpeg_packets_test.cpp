@@ -50,38 +50,42 @@ SampleRecord Match(MpegPesMatcher& m, const Bytes& b, int64_t position = 1000) {
 
 }  // namespace
 
-TEST(MpegPesMatcher, VideoPacketLengthThresholdIsPrefixMinusTwo) {
+// With prefixes of 10 bytes, a video packet needs a PES length of at least
+// prefix - 1, an audio packet more than the prefix; only E0 and C0 are taken.
+TEST(MpegPesMatcher, PacketLengthThresholdsAndStreamIds) {
+    const struct {
+        const char* what;
+        uint8_t id;
+        size_t length;
+        bool noAudio;
+        bool found;
+        uint32_t kind;
+        int64_t size;  // the payload at offset 1014 (position 1000, start code, length and prefix)
+    } cases[] = {
+        {"video at prefix - 2", 0xE0, 8, false, false, SampleRecord::kNothing, 0},
+        {"video at prefix - 1", 0xE0, 9, false, true, SampleRecord::kVideo, 1},
+        {"audio at prefix", 0xC0, 10, false, false, SampleRecord::kNothing, 0},
+        {"audio past prefix", 0xC0, 11, false, true, SampleRecord::kAudio, 11 - 10 + 2},
+        {"audio where there is none", 0xC0, 300, true, false, SampleRecord::kNothing, 0},
+    };
+    for (const auto& c : cases) {
+        MpegPesMatcher m;
+        m.SetPrefixes(10, 10);
+        m.SetNoAudio(c.noAudio);
+        // Padded with bytes of the next packet.
+        const SampleRecord r = Match(m, Cat({Pes(c.id, {}, Filler(c.length, 1)), Filler(20, 2)}));
+        EXPECT_EQ(r.found, c.found) << c.what;
+        EXPECT_EQ(r.kind, c.kind) << c.what;
+        EXPECT_EQ(r.frameType, SampleRecord::kFrameUnknown) << c.what;
+        EXPECT_EQ(r.offset, c.found ? 1014u : 0u) << c.what;
+        EXPECT_EQ(r.size, c.size) << c.what;
+        EXPECT_EQ(r.packetLength, c.found ? uint32_t(6 + c.length) : 0u) << c.what;
+    }
     MpegPesMatcher m;
     m.SetPrefixes(10, 10);
-    // Lengths 8 (= prefix - 2) and 9, padded with bytes of the next packet to reach 20.
-    SampleRecord rejected = Match(m, Cat({Pes(0xE0, {}, Filler(8, 1)), Filler(20, 2)}));
-    EXPECT_FALSE(rejected.found);
-    EXPECT_EQ(rejected.kind, SampleRecord::kNothing);
-    EXPECT_EQ(rejected.frameType, SampleRecord::kFrameUnknown);
-    EXPECT_EQ(rejected.packetLength, 0u);
-
-    SampleRecord taken = Match(m, Cat({Pes(0xE0, {}, Filler(9, 1)), Filler(20, 2)}));
-    ASSERT_TRUE(taken.found);
-    EXPECT_EQ(taken.kind, SampleRecord::kVideo);
-    EXPECT_EQ(taken.offset, 1000u + 10 + 4);
-    EXPECT_EQ(taken.size, 1);
-    EXPECT_EQ(taken.packetLength, 15u);
-}
-
-TEST(MpegPesMatcher, AudioPacketLengthThresholdIsPrefix) {
-    MpegPesMatcher m;
-    m.SetPrefixes(10, 10);
-    EXPECT_FALSE(Match(m, Cat({Pes(0xC0, {}, Filler(10, 1)), Filler(20, 2)})).found);
-    SampleRecord taken = Match(m, Cat({Pes(0xC0, {}, Filler(11, 1)), Filler(20, 2)}));
-    ASSERT_TRUE(taken.found);
-    EXPECT_EQ(taken.kind, SampleRecord::kAudio);
-    EXPECT_EQ(taken.offset, 1000u + 14);
-    EXPECT_EQ(taken.size, 11 - 10 + 2);
-    EXPECT_EQ(taken.packetLength, 17u);
-    EXPECT_EQ(taken.frameType, SampleRecord::kFrameUnknown);
-
-    m.SetNoAudio(true);
-    EXPECT_FALSE(Match(m, Cat({Pes(0xC0, {}, Filler(300, 1))})).found);
+    for (uint8_t id : {0xE1, 0xEF, 0xC1, 0xDF, 0xBD, 0xBE, 0xBA, 0xB3, 0x00})
+        EXPECT_FALSE(Match(m, Pes(id, kPtsHeader, Filler(100, id))).found) << int(id);
+    EXPECT_FALSE(Match(m, Cat({{0x00, 0x01, 0xE0}, Filler(100, 1)})).found) << "a start code cut short";
 }
 
 TEST(MpegPesMatcher, EarlyStartCodeCutsThePayloadThereWhateverThePrefix) {
@@ -115,15 +119,6 @@ TEST(MpegPesMatcher, FewerThanTwentyBytesLeftIsNeverAPacket) {
     EXPECT_FALSE(m.MatchPacketAt(0, packet.data(), 19).found);
     Bytes audio = Pes(0xC0, {}, Filler(14, 5));
     EXPECT_FALSE(m.MatchPacketAt(0, audio.data(), 19).found);
-}
-
-TEST(MpegPesMatcher, OnlyStreamIdsE0AndC0AreCollected) {
-    MpegPesMatcher m;
-    m.SetPrefixes(10, 10);
-    for (uint8_t id : {0xE1, 0xEF, 0xC1, 0xDF, 0xBD, 0xBE, 0xBA, 0xB3, 0x00}) {
-        EXPECT_FALSE(Match(m, Pes(id, kPtsHeader, Filler(100, id))).found) << int(id);
-    }
-    EXPECT_FALSE(Match(m, Cat({{0x00, 0x01, 0xE0}, Filler(100, 1)})).found);
 }
 
 TEST(MpegPesMatcher, FrameTypeComesFromTheNextPictureHeaderInTheWindow) {

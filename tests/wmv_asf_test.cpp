@@ -106,12 +106,6 @@ TEST(WmvAsfInfoParser, AudioStreamAndCodecNames) {
     EXPECT_EQ(a.samplesPerSecond, 44100u);
     EXPECT_EQ(a.blockAlign, 1487);
     EXPECT_EQ(a.extra, (Bytes{7, 8, 9}));
-    EXPECT_EQ(AudioCodecNames().at(0x160), "wma1");
-    EXPECT_EQ(AudioCodecNames().at(0x162), "wma professional");
-
-    sp = StreamProperties(kAsfAudioMedia, 3, WaveFormat(0x1234, 0, {}));  // unknown tag keeps the name
-    parser.ParseStreamProperties(sp.data(), sp.size());
-    EXPECT_EQ(parser.AudioInfo().codecName, "wma lossess");
 }
 
 TEST(WmvAsfInfoParser, VideoStreamAndOtherTypes) {
@@ -244,23 +238,6 @@ TEST(AsfPacketCarver, SinglePayload) {
     EXPECT_EQ(r.advance, int64_t(kP));
 }
 
-TEST(AsfPacketCarver, SinglePayloadsThatYieldNothing) {
-    Bytes b = SinglePacket(1, 8, kP + 1);  // padding larger than the packet
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    b = SinglePacket(1, 1, 0);  // compressed payloads
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    b = SinglePacket(0x80, 8, 0);  // stream 0
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    b = SinglePacket(5, 8, 0);  // a stream of neither kind
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    b = SinglePacket(1, 8, kP - (12 + 7 + 8));  // remaining length equals the padding
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    b = SinglePacket(1, 8, 0);
-    b[1] = 1;  // not a packet start
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    EXPECT_TRUE(CarvePacket(b.data(), 6, 0, Settings()).records.empty());  // cut inside the header
-}
-
 Bytes MultiplePacket(const std::vector<std::tuple<uint8_t, uint8_t, uint16_t>>& payloads, uint32_t padding,
                      uint8_t replicated = 8) {
     PacketLayout layout;
@@ -292,21 +269,33 @@ TEST(AsfPacketCarver, MultiplePayloads) {
     // A foreign stream ends the packet with what was carved before it.
     b = MultiplePacket({{1, 4, 50}, {6, 7, 30}}, 0);
     EXPECT_EQ(CarvePacket(b.data(), b.size(), 0, Settings()).records.size(), 1u);
-    b = MultiplePacket({{0, 4, 50}}, 0);
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
-    // A payload length beyond the packet drops the whole packet.
-    b = MultiplePacket({{1, 4, 50}, {2, 7, uint16_t(kP + 1)}}, 0);
-    EXPECT_TRUE(CarvePacket(b.data(), kP, 0, Settings()).records.empty());
-    // So does a view that ends inside the replicated data.
-    b = MultiplePacket({{1, 4, 50}, {2, 7, 30}}, 0);
-    EXPECT_TRUE(CarvePacket(b.data(), 13 + 17 + 50 + 5, 0, Settings()).records.empty());
     // Fewer than 3 bytes left: what was carved stands.
+    b = MultiplePacket({{1, 4, 50}, {2, 7, 30}}, 0);
     EXPECT_EQ(CarvePacket(b.data(), 13 + 17 + 50 + 2, 0, Settings()).records.size(), 1u);
 }
 
-TEST(AsfPacketCarver, CompressedPayloadsAreNotCarved) {
-    Bytes b = MultiplePacket({{1, 4, 20}}, 0, 1);
-    EXPECT_TRUE(CarvePacket(b.data(), b.size(), 0, Settings()).records.empty());
+TEST(AsfPacketCarver, PacketsThatYieldNothing) {
+    Bytes notAStart = SinglePacket(1, 8, 0);
+    notAStart[1] = 1;
+    const struct {
+        const char* what;
+        Bytes packet;
+        size_t length;
+    } cases[] = {
+        {"padding larger than the packet", SinglePacket(1, 8, kP + 1), kP},
+        {"compressed payload", SinglePacket(1, 1, 0), kP},
+        {"compressed payloads", MultiplePacket({{1, 4, 20}}, 0, 1), kP},
+        {"stream 0", SinglePacket(0x80, 8, 0), kP},
+        {"a stream of neither kind", SinglePacket(5, 8, 0), kP},
+        {"remaining length equals the padding", SinglePacket(1, 8, kP - (12 + 7 + 8)), kP},
+        {"not a packet start", notAStart, kP},
+        {"cut inside the header", SinglePacket(1, 8, 0), 6},
+        {"only stream 0 in a multiple-payload packet", MultiplePacket({{0, 4, 50}}, 0), kP},
+        {"a payload length beyond the packet", MultiplePacket({{1, 4, 50}, {2, 7, uint16_t(kP + 1)}}, 0), kP},
+        {"a view that ends inside the replicated data", MultiplePacket({{1, 4, 50}, {2, 7, 30}}, 0), 13 + 17 + 50 + 5},
+    };
+    for (const auto& c : cases)
+        EXPECT_TRUE(CarvePacket(c.packet.data(), c.length, 0, Settings()).records.empty()) << c.what;
 }
 
 TEST(AsfPacketCarver, FindPacketStart) {
@@ -408,18 +397,6 @@ TEST_F(WmvEngine, DamagedFilesOwnStreamsWin) {
     EXPECT_EQ(engine.ChosenAudioInfo().codecName, "wma1");
 }
 
-TEST_F(WmvEngine, NoPacketStartAnywhere) {
-    Bytes damaged(100000, 0x82);
-    for (size_t i = 0; i < damaged.size(); i += 2) damaged[i] = 0x11;
-    ASSERT_EQ(Repair(damaged, AsfFile(kAsfAudioMedia, 2)), 0);
-    EXPECT_TRUE(engine.VideoSamples().empty());
-    EXPECT_TRUE(engine.AudioSamples().empty());
-    std::wstring out;
-    EXPECT_TRUE(engine.GetRepairedVideo(out, Wide(dir.file("d.wmv")), L"", 0).empty());
-    EXPECT_TRUE(Logged("[Wmv] dataList is empty:."));
-    EXPECT_TRUE(Logged("[CTRL] Extract video frames failed, code: -1"));
-}
-
 TEST_F(WmvEngine, StopWhilePausedEndsTheRepairWithWhatWasFound) {
     Bytes damaged = DataObject(2, {SinglePacket(0x81, 8, 0), SinglePacket(2, 8, 0)});
     testing_support::WriteFile(dir.file("d.wmv"), Str(damaged));
@@ -445,18 +422,8 @@ TEST_F(WmvEngine, BadSamplesFailWithTheirReason) {
     AsfGuid other = kAsfAudioMedia;
     other[15] ^= 1;
     EXPECT_EQ(Repair(Bytes(10, 0), AsfFile(other, 2)), -1);  // a stream of neither type
-    EXPECT_EQ(Repair(Bytes(10, 0), Bytes(5000, 0x30)), -1);
-    EXPECT_TRUE(Logged("[Sprt] search sample headObject failed."));
     EXPECT_EQ(Repair(Bytes(10, 0), HeaderObject({FileProperties(2, 71000000, 3100)})), -1);
     EXPECT_TRUE(Logged("[WMV] search data object failed, offset:."));
-
-    engine.SetVideoPath(Wide(dir.file("d.wmv")), Wide(dir.file("none.wmv")));
-    EXPECT_EQ(engine.Repair(), -1);
-    EXPECT_TRUE(Logged("[Sprt] create sample file stream failed."));
-    engine.SetVideoPath(Wide(dir.file("none.wmv")), Wide(dir.file("s.wmv")));
-    testing_support::WriteFile(dir.file("s.wmv"), Str(AsfFile(kAsfAudioMedia, 2)));
-    EXPECT_EQ(engine.Repair(), -1);
-    EXPECT_TRUE(Logged("[Sprt] create file stream failed."));
 }
 
 }  // namespace

@@ -17,7 +17,8 @@ public:
         : AdvanceRepairBase("FakeEngine", "tests/FakeEngine"), formatName_(std::move(formatName)),
           journal_(journal) {}
 
-    // What Repair does: run `blocks` blocks, reporting progress, then return `result`.
+    // What Repair does: run `blocks` blocks (until stopped when negative), reporting
+    // progress, then return `result`.
     int blocks = 3;
     int result = 0;
     std::wstring outputPath = L"/out/repaired.avi";
@@ -45,8 +46,8 @@ public:
         LogEntry("Repair");
         BeginRepair();
         inRepair = true;
-        for (int i = 0; i < blocks; ++i) {
-            ReportProgress((i + 1) * 100 / blocks);
+        for (int i = 0; blocks < 0 || i < blocks; ++i) {
+            ReportProgress(blocks < 0 ? 1 : (i + 1) * 100 / blocks);
             ++blocksDone;
             if (PauseThenShouldStop()) break;
         }
