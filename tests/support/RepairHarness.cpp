@@ -75,15 +75,6 @@ std::string ApplyDamage(std::string bytes, const Damage& damage) {
     return bytes;
 }
 
-Damage TypicalDamage(int64_t fileSize, int64_t headBytes, double noiseAt, int64_t noiseBytes, double keepFraction) {
-    Damage damage;
-    damage.zeroed = {{0, headBytes}};
-    const int64_t noise = int64_t(double(fileSize) * noiseAt);
-    damage.noise = {{noise, noise + noiseBytes}};
-    damage.keep = int64_t(double(fileSize) * keepFraction);
-    return damage;
-}
-
 // ---- what survived ----
 
 std::vector<ProbedPacket> ProbeVideoPackets(const std::string& path) {

@@ -55,9 +55,6 @@ struct Damage {
 
 std::string ApplyDamage(std::string bytes, const Damage& damage);
 
-// The damage seen on most real cards: the head zeroed, one run overwritten with
-// noise at a fraction of the file, and the tail cut.
-Damage TypicalDamage(int64_t fileSize, int64_t headBytes, double noiseAt, int64_t noiseBytes, double keepFraction);
 
 // ---- what survived ----
 
