@@ -1,4 +1,5 @@
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/AsfStrategy.h"
 #include "thorough/strategies/MpegPsStrategy.h"
 #include "thorough/strategies/MpegTsStrategy.h"
 
@@ -42,6 +43,7 @@ std::string DemuxerFor(const std::string& formatName) {
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
     if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
+    if (formatName == "wmv" || formatName == "asf") return std::make_unique<AsfStrategy>();
     return std::make_unique<PlainStrategy>(formatName);
 }
 
