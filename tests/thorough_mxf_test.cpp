@@ -105,8 +105,11 @@ TEST(MxfCarverTest, TimesEachElementByItsContentPackage) {
         {"second_package_zeroed",
          [](Bytes& f, const std::vector<size_t>& at) { std::fill(f.begin() + long(at[1]), f.begin() + long(at[2]), 0); },
          {v(0, 0x00), s(0, 0x01), v(2, 0x20), s(2, 0x21), v(3, 0x30), s(3, 0x31)}},
-        // A length that damage made longer is not followed into the next package.
-        {"picture_length_damaged", [](Bytes& f, const std::vector<size_t>& at) { f[at[2] + 17] = 0x7F; },
+        // A length that damage made longer is not followed into the next package,
+        // whether it runs past the file or over the next key.
+        {"picture_length_past_the_file", [](Bytes& f, const std::vector<size_t>& at) { f[at[2] + 17] = 0x7F; },
+         {v(0, 0x00), s(0, 0x01), v(1, 0x10), s(1, 0x11), s(2, 0x21), v(3, 0x30), s(3, 0x31)}},
+        {"picture_length_over_the_next_key", [](Bytes& f, const std::vector<size_t>& at) { f[at[2] + 18] += 1; },
          {v(0, 0x00), s(0, 0x01), v(1, 0x10), s(1, 0x11), s(2, 0x21), v(3, 0x30), s(3, 0x31)}},
         {"cut_inside_the_last_picture", [](Bytes& f, const std::vector<size_t>& at) { f.resize(at[3] + 100); },
          {v(0, 0x00), s(0, 0x01), v(1, 0x10), s(1, 0x11), v(2, 0x20), s(2, 0x21)}},
