@@ -18,10 +18,11 @@ bool AsfCarver::Open(const std::wstring& path) { return layout_.packetSize > 0 &
 
 bool AsfCarver::Next(AVPacket* packet) {
     asf::MediaObject object;
-    while (!assembler_.Take(object)) {
-        if (!ReadPacket()) return false;
+    for (;;) {
+        while (!assembler_.Take(object))
+            if (!ReadPacket()) return false;
+        if (ToPacket(object, packet)) return true;
     }
-    return ToPacket(object, packet) || Next(packet);
 }
 
 // The packet at the current position, or after damage the next one found.
