@@ -78,6 +78,14 @@ Bytes AsfPacket(const std::vector<Payload>& payloads) {
     return b;
 }
 
+// The same packet without error correction: its three bytes become padding.
+Bytes WithoutCorrection(const Bytes& packet) {
+    Bytes b(packet.begin() + 3, packet.end());
+    b[2] = uint8_t(b[2] + 3);
+    b.resize(kPacketSize, 0);
+    return b;
+}
+
 ParametersPtr Parameters(AVMediaType type, AVCodecID codec) {
     ParametersPtr p(avcodec_parameters_alloc());
     p->codec_type = type;
@@ -140,6 +148,9 @@ std::vector<AsfCase> AsfCases() {
          {{0, 40, 100, true, 0x01}, {1, 40, 30, true, 0xC1}, {0, 120, 40, false, 0x81}}},
         {"payloads_before_damage_in_a_packet_kept", {p1, p2, p3, p4broken},
          {{0, 40, 100, true, 0x01}, {1, 40, 30, true, 0xC1}, {0, 80, 120, false, 0x41}}},
+        {"packets_without_error_correction_around_a_lost_one",
+         {WithoutCorrection(p1), WithoutCorrection(p2), lost, WithoutCorrection(p4)},
+         {{0, 40, 100, true, 0x01}, {1, 40, 30, true, 0xC1}, {0, 120, 40, false, 0x81}}},
         {"garbage_between_packets", {p1, Bytes(37, 0x82), p2, p3, p4},
          {{0, 40, 100, true, 0x01}, {1, 40, 30, true, 0xC1}, {0, 80, 120, false, 0x41}, {0, 120, 40, false, 0x81}}},
         {"compressed_payload_then_a_plain_one", {compressed},

@@ -52,29 +52,41 @@ bool AsfCarver::Parses(int64_t position, bool onGrid) {
     if (!asf::ParsePacket(data, size, fragments_) && (!onGrid || fragments_.empty())) return false;
     for (const asf::Fragment& f : fragments_)
         if (IndexOf(f.stream) < 0) return false;
+    correctionSeen_ = correctionSeen_ || data[0] == 0x82;
     return true;
 }
 
-// The next offset from `from` on where a whole packet with error-correction flags
-// parses; -1 when none is left.
+// The next offset from `from` on where a whole packet parses; -1 when none is
+// left. Until a packet with error-correction flags has been read, packets without
+// them are looked for too; their first bytes say far less, so the packet behind
+// such a candidate must parse as well.
 int64_t AsfCarver::NextPacketStart(int64_t from) {
     const int64_t last = file_.Size() - int64_t(layout_.packetSize);
     while (from <= last) {
         size_t available = 0;
         const uint8_t* window = file_.View(from, kSearchWindow, available);
         if (window == nullptr || available < 3) return -1;
-        for (size_t at = 0; at + 3 <= available; ++at) {
-            const void* hit = std::memchr(window + at, 0x82, available - at - 2);
-            if (hit == nullptr) break;
-            at = size_t(static_cast<const uint8_t*>(hit) - window);
-            if (window[at + 1] != 0 || window[at + 2] != 0 || from + int64_t(at) > last) continue;
+        for (size_t at = 0; at + 3 <= available && from + int64_t(at) <= last; ++at) {
+            if (correctionSeen_) {
+                const void* hit = std::memchr(window + at, 0x82, available - at - 2);
+                if (hit == nullptr) break;
+                at = size_t(static_cast<const uint8_t*>(hit) - window);
+            }
+            if (!asf::LooksLikePacketStart(window + at, available - at)) continue;
             int64_t candidate = from + int64_t(at);
-            if (Parses(candidate, false)) return candidate;
+            if (Found(candidate, window[at] == 0x82)) return candidate;
             window = file_.View(from, kSearchWindow, available);  // Parses may have moved the cache
         }
         from += int64_t(available > 2 ? available - 2 : available);
     }
     return -1;
+}
+
+// The packet behind is checked first, so fragments_ ends up holding the candidate's.
+bool AsfCarver::Found(int64_t candidate, bool corrected) {
+    int64_t behind = candidate + int64_t(layout_.packetSize);
+    if (!corrected && behind + int64_t(layout_.packetSize) <= file_.Size() && !Parses(behind, false)) return false;
+    return Parses(candidate, false);
 }
 
 int AsfCarver::IndexOf(uint8_t number) const {

@@ -1,6 +1,6 @@
 // Media objects cut out of an ASF file's data packets where no demuxer reads it:
-// packets found on the packet-size grid (or by their error-correction flags past
-// damage), their fragments put back together into whole objects, each with its
+// packets found on the packet-size grid (or by their error-correction and
+// length-type flags past damage), their fragments put back together into whole objects, each with its
 // presentation time from the replicated data and its key-frame flag.
 #pragma once
 
@@ -47,6 +47,7 @@ private:
     bool ReadPacket();
     bool Parses(int64_t position, bool onGrid);
     int64_t NextPacketStart(int64_t from);
+    bool Found(int64_t candidate, bool corrected);
     int IndexOf(uint8_t number) const;
     bool ToPacket(asf::MediaObject& object, AVPacket* packet);
 
@@ -55,6 +56,7 @@ private:
     FileReader file_;
     int64_t position_ = 0;
     int64_t skipped_ = 0;
+    bool correctionSeen_ = false;  // the file's packets carry error-correction flags
     std::vector<asf::Fragment> fragments_;
     asf::ObjectAssembler assembler_;
 };
