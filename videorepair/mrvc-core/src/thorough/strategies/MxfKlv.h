@@ -37,7 +37,7 @@ ItemKind KindOf(const uint8_t* key);
 // False when the key prefix or the BER length is not valid.
 bool ReadKlv(const uint8_t* data, size_t size, int64_t at, Klv& klv);
 
-// The element type of a D-10 (SMPTE 331M) AES3 sound element, which packs eight
+// The element type of a D-10 AES3 sound element, which packs eight
 // channels of 32-bit words behind a 4-byte header.
 constexpr uint8_t kAes3ElementType = 0x10;
 
