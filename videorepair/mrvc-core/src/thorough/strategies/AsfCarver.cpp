@@ -49,6 +49,7 @@ bool AsfCarver::Parses(int64_t position, bool onGrid) {
     size_t size = layout_.packetSize, available = 0;
     const uint8_t* data = file_.View(position, size, available);
     if (data == nullptr || available < size || !asf::LooksLikePacketStart(data, available)) return false;
+    if (correctionSeen_ && data[0] != 0x82) return false;  // a file's writer uses one form throughout
     if (!asf::ParsePacket(data, size, fragments_) && (!onGrid || fragments_.empty())) return false;
     for (const asf::Fragment& f : fragments_)
         if (IndexOf(f.stream) < 0) return false;
