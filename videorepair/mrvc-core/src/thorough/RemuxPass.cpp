@@ -27,7 +27,8 @@ struct PassStreams {
 // Decoding is the judge's dear part. A pass that writes decodes what it wrote;
 // what it read is the same packets but for what the restorer put back, so it
 // borrows that share (see Run). A pass that only counts decodes what it read.
-void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, const PassSettings& settings) {
+void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, const PassSettings& settings,
+           std::vector<std::string>& refused) {
     using Decode = MediaTally::Decode;
     const Decode decode = settings.fullDecodeCheck ? Decode::kEveryPacket : Decode::kWindows;
     streams.restorer.Prepare(input);
@@ -37,6 +38,8 @@ void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, c
         streams.read.AddStream(settings.countRead ? input.Parameters(i) : nullptr, base, rate,
                                writer != nullptr ? Decode::kNone : decode);
         int index = writer != nullptr ? writer->AddStream(restored, base, rate) : -1;
+        if (writer != nullptr && index < 0 && restored != nullptr)
+            refused.push_back("stream " + std::to_string(i) + " (" + avcodec_get_name(restored->codec_id) + ")");
         streams.outputIndex.push_back(index);
         bool kept = writer == nullptr || index >= 0;
         streams.kept.AddStream(kept ? restored : nullptr, base, rate, decode);
@@ -58,7 +61,7 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
         out = &writer;
     }
     PassStreams streams{StreamRestorer(sample_), {}, {}, {}};
-    SetUp(streams, input, out, settings);
+    SetUp(streams, input, out, settings, result.refused);
 
     PacketPtr packet = NewPacket();
     for (int64_t n = 0; input.Next(packet.get()); ++n) {

@@ -22,6 +22,7 @@ struct PassResult {
     ThoroughMediaCount kept{};     // what was written
     double judgeSeconds = 0;
     std::vector<std::string> restorations;
+    std::vector<std::string> refused;  // streams the muxer cannot carry, left out
     std::string error;
 };
 

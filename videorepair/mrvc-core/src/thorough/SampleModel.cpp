@@ -19,13 +19,16 @@ int OrdinalOf(const std::vector<SampleStream>& streams, size_t index) {
 
 bool SampleModel::Load(const std::wstring& path) {
     streams_.clear();
+    path_.clear();
     if (path.empty()) return false;
     Demuxer demuxer;
     if (!demuxer.OpenFile(path)) return false;
+    path_ = path;
     for (unsigned i = 0; i < demuxer.StreamCount(); ++i) {
         AVStream* stream = demuxer.Stream(i);
         SampleStream learnt;
         learnt.type = stream->codecpar->codec_type;
+        learnt.id = stream->id;
         learnt.parameters = CopyParameters(stream->codecpar);
         learnt.timeBase = stream->time_base;
         learnt.frameRate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;

@@ -12,6 +12,7 @@ namespace thorough {
 
 struct SampleStream {
     AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
+    int id = 0;  // the container's own stream id (ASF stream number, MPEG-TS PID, ...)
     ParametersPtr parameters;
     AVRational timeBase{0, 1};
     AVRational frameRate{0, 1};
@@ -24,6 +25,8 @@ public:
     bool Load(const std::wstring& path);
 
     bool Empty() const { return streams_.empty(); }
+    // Where the sample was loaded from, for containers that read its header bytes.
+    const std::wstring& Path() const { return path_; }
     const std::vector<SampleStream>& Streams() const { return streams_; }
 
     // The sample stream that best stands for a damaged stream: the same codec and
@@ -35,6 +38,7 @@ private:
     void LearnInBandHeaders(AVFormatContext* input);
 
     std::vector<SampleStream> streams_;
+    std::wstring path_;
 };
 
 }  // namespace thorough

@@ -152,6 +152,7 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
         NoteAsIsFormat(input);
     }
     for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
+    for (const std::string& refused : result.refused) Log(kLogWarning, "[Thorough] the muxer cannot carry", refused);
     if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
     if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);
     return candidate;
@@ -215,6 +216,8 @@ Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, 
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
     candidate.usable = result.written;
+    for (const std::string& refused : result.refused) Log(kLogWarning, "[Thorough] the muxer cannot carry", refused);
+    if (!result.written) Log(kLogWarning, "[Thorough] writing a carved candidate failed:", result.error);
     return candidate;
 }
 

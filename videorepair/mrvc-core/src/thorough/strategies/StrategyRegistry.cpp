@@ -1,6 +1,8 @@
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/AsfStrategy.h"
 #include "thorough/strategies/MpegPsStrategy.h"
 #include "thorough/strategies/MpegTsStrategy.h"
+#include "thorough/strategies/MxfStrategy.h"
 
 #include <map>
 
@@ -56,6 +58,8 @@ std::string DemuxerFor(const std::string& formatName) {
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
     if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
+    if (formatName == "wmv" || formatName == "asf") return std::make_unique<AsfStrategy>();
+    if (formatName == "mxf" || formatName == "klv") return std::make_unique<MxfStrategy>();
     return std::make_unique<PlainStrategy>(formatName);
 }
 
