@@ -12,6 +12,7 @@ namespace thorough {
 
 struct SampleStream {
     AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
+    int id = 0;  // the container's own number for the stream (a Matroska track number)
     ParametersPtr parameters;
     AVRational timeBase{0, 1};
     AVRational frameRate{0, 1};

@@ -1,3 +1,4 @@
+#include "thorough/strategies/CarvingStrategies.h"
 #include "thorough/strategies/ContainerStrategy.h"
 #include "thorough/strategies/MpegPsStrategy.h"
 #include "thorough/strategies/MpegTsStrategy.h"
@@ -42,6 +43,9 @@ std::string DemuxerFor(const std::string& formatName) {
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
     if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
+    if (formatName == "avi") return std::make_unique<AviStrategy>();
+    if (formatName == "flv") return std::make_unique<FlvStrategy>();
+    if (formatName == "mkv" || formatName == "webm") return std::make_unique<MkvStrategy>(formatName);
     return std::make_unique<PlainStrategy>(formatName);
 }
 
