@@ -217,7 +217,7 @@ std::unique_ptr<CarvedSource> MkvBlockCarver::Carve(const std::wstring& path) {
     walk.Run();
     out->AddSkipped(walk.Skipped());
     MatchTracks(walk.Frames());
-    std::vector<int64_t> bases = GroupBases(walk);
+    std::vector<int64_t> bases = ClusterTimes(walk.Groups(), walk.Frames(), frameTicks_);
     for (const MkvCarvedFrame& frame : walk.Frames()) {
         auto track = tracks_.find(frame.track);
         if (track == tracks_.end()) continue;
@@ -284,12 +284,10 @@ void MkvBlockCarver::MatchTracks(const std::vector<MkvCarvedFrame>& frames) {
     for (size_t i = 0; i < strangers.size() && i < free.size(); ++i) tracks_[strangers[i].second] = free[i];
 }
 
-// Cluster times, with those of lost Cluster heads set so their blocks end just
-// before the next known cluster (or follow the last one at the end of the file).
-std::vector<int64_t> MkvBlockCarver::GroupBases(const MkvBlockWalk& walk) const {
-    const auto& groups = walk.Groups();
+std::vector<int64_t> ClusterTimes(const std::vector<MkvCarvedGroup>& groups, const std::vector<MkvCarvedFrame>& frames,
+                                  int64_t frameTicks) {
     std::vector<int64_t> lowest(groups.size(), INT64_MAX), highest(groups.size(), INT64_MIN);
-    for (const MkvCarvedFrame& f : walk.Frames()) {
+    for (const MkvCarvedFrame& f : frames) {
         lowest[f.group] = std::min(lowest[f.group], f.relative);
         highest[f.group] = std::max(highest[f.group], f.relative);
     }
@@ -303,10 +301,10 @@ std::vector<int64_t> MkvBlockCarver::GroupBases(const MkvBlockWalk& walk) const 
             size_t next = g + 1;
             while (next < groups.size() && !(groups[next].known && lowest[next] != INT64_MAX)) ++next;
             if (next < groups.size())
-                bases[g] = groups[next].base + lowest[next] - frameTicks_ - highest[g];
+                bases[g] = groups[next].base + lowest[next] - frameTicks - highest[g];
             else
-                bases[g] = (lastEnd == INT64_MIN ? 0 : lastEnd + frameTicks_) - lowest[g];
-            if (lastEnd != INT64_MIN) bases[g] = std::max(bases[g], lastEnd + frameTicks_ - lowest[g]);
+                bases[g] = (lastEnd == INT64_MIN ? 0 : lastEnd + frameTicks) - lowest[g];
+            if (lastEnd != INT64_MIN) bases[g] = std::max(bases[g], lastEnd + frameTicks - lowest[g]);
         }
         lastEnd = std::max(lastEnd, bases[g] + highest[g]);
     }

@@ -59,6 +59,12 @@ private:
     int64_t skipped_ = 0;
 };
 
+// Each found cluster's time. Where a Cluster's head was lost, its time is set so its
+// blocks end one frame before the next known cluster's first block (or, at the end
+// of the file, follow the last cluster's), and never run back before what came.
+std::vector<int64_t> ClusterTimes(const std::vector<MkvCarvedGroup>& groups, const std::vector<MkvCarvedFrame>& frames,
+                                  int64_t frameTicks);
+
 class MkvBlockCarver {
 public:
     explicit MkvBlockCarver(const SampleModel& sample) : sample_(sample) {}
@@ -74,7 +80,6 @@ private:
 
     bool LearnStreams(const std::wstring& path, CarvedSource& out);
     void MatchTracks(const std::vector<MkvCarvedFrame>& frames);
-    std::vector<int64_t> GroupBases(const MkvBlockWalk& walk) const;
 
     const SampleModel& sample_;
     std::map<int, Track> byNumber_;  // the streams by the track numbers they were written with
