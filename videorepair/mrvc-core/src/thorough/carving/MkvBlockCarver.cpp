@@ -39,6 +39,54 @@ bool SignedEbml(const uint8_t* data, size_t available, int64_t& value, uint32_t&
     return true;
 }
 
+// Xiph lacing: a size is a run of bytes added up, each 255 saying more follows.
+bool XiphSize(const uint8_t* data, size_t available, size_t& used, int64_t& value) {
+    value = 0;
+    for (uint8_t b = 255; b == 255; value += b) {
+        if (used >= available) return false;
+        b = data[used++];
+    }
+    return true;
+}
+
+// EBML lacing: the first size whole, every later one as a difference to the one before.
+bool EbmlSize(const uint8_t* data, size_t available, size_t& used, bool first, int64_t& value) {
+    uint32_t length = 0;
+    int64_t read = 0;
+    util::EbmlNumber whole;
+    if (first && !util::ReadEbmlNumber(data + used, available - used, whole)) return false;
+    if (!first && !SignedEbml(data + used, available - used, read, length)) return false;
+    value = first ? int64_t(whole.value) : value + read;
+    used += first ? whole.length : length;
+    return true;
+}
+
+// The sizes of a laced block's frames (lacing 1 Xiph, 2 fixed, 3 EBML) from the
+// lace head at data; used tells how long that head was.
+bool LaceSizes(int lacing, const uint8_t* data, size_t available, uint64_t size, std::vector<uint64_t>& sizes,
+               size_t& used) {
+    if (available < 1) return false;
+    size_t count = size_t(data[0]) + 1;
+    used = 1;
+    sizes.clear();
+    if (lacing == 2) {
+        if ((size - 1) % count != 0) return false;
+        sizes.assign(count, (size - 1) / count);
+        return true;
+    }
+    int64_t value = 0;
+    uint64_t total = 0;
+    for (size_t i = 0; i + 1 < count; ++i) {
+        bool ok = lacing == 1 ? XiphSize(data, available, used, value) : EbmlSize(data, available, used, i == 0, value);
+        if (!ok || value <= 0) return false;
+        sizes.push_back(uint64_t(value));
+        total += uint64_t(value);
+    }
+    if (total + used >= size) return false;
+    sizes.push_back(size - total - used);
+    return true;
+}
+
 }  // namespace
 
 void MkvBlockWalk::Run() {
@@ -164,46 +212,12 @@ bool MkvBlockWalk::Block(int64_t payload, uint64_t size, bool simple, bool refer
 bool MkvBlockWalk::Laces(const uint8_t* data, size_t available, int64_t payload, uint64_t size, uint8_t flags,
                          std::vector<std::pair<int64_t, uint32_t>>& laces) const {
     int lacing = (flags >> 1) & 3;
-    if (lacing == 0) {
-        if (size == 0) return false;
-        laces.push_back({payload, uint32_t(size)});
-        return true;
-    }
-    if (available < 1) return false;
-    size_t count = size_t(data[0]) + 1, used = 1;
-    std::vector<uint64_t> sizes;
-    if (lacing == 2) {  // fixed: equal parts
-        if ((size - 1) % count != 0) return false;
-        sizes.assign(count, (size - 1) / count);
-    } else {
-        int64_t previous = 0;
-        for (size_t i = 0; i + 1 < count; ++i) {
-            int64_t value = 0;
-            if (lacing == 1) {  // Xiph: sums of bytes, each 255 continuing
-                for (uint8_t b = 255; b == 255; value += b) {
-                    if (used >= available) return false;
-                    b = data[used++];
-                }
-            } else {  // EBML: the first size whole, then differences
-                uint32_t length = 0;
-                util::EbmlNumber first;
-                if (i == 0 && !util::ReadEbmlNumber(data + used, available - used, first)) return false;
-                if (i == 0) value = int64_t(first.value), length = first.length;
-                if (i > 0 && !SignedEbml(data + used, available - used, value, length)) return false;
-                if (i > 0) value += previous;
-                used += length;
-            }
-            if (value <= 0) return false;
-            previous = value;
-            sizes.push_back(uint64_t(value));
-        }
-        uint64_t total = used;
-        for (uint64_t s : sizes) total += s;
-        if (total >= size) return false;
-        sizes.push_back(size - total);
-    }
-    int64_t at = payload + int64_t(lacing == 2 ? 1 : used);
+    std::vector<uint64_t> sizes{size};
+    size_t used = 0;
+    if (lacing != 0 && !LaceSizes(lacing, data, available, size, sizes, used)) return false;
+    int64_t at = payload + int64_t(used);
     for (uint64_t s : sizes) {
+        if (s == 0) return false;
         laces.push_back({at, uint32_t(s)});
         at += int64_t(s);
     }
