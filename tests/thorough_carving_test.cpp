@@ -166,6 +166,42 @@ TEST(MkvBlockWalkTest, LacedFramesSplitByTheirSizes) {
     }
 }
 
+// Tracks are matched to the sample's streams by number where the numbers are the
+// sample's, else by their payloads: the track with the larger frames is the video.
+TEST(MkvBlockCarverTest, TracksMatchTheSampleByNumberElseByPayload) {
+    struct TrackCase {
+        const char* name;
+        int bigTrack, smallTrack;
+        AVMediaType bigType;
+    };
+    const TrackCase cases[] = {
+        {"the sample's numbers", 2, 1, AVMEDIA_TYPE_AUDIO},
+        {"numbers the sample does not have", 5, 7, AVMEDIA_TYPE_VIDEO},
+    };
+    std::string samplePath = testing_support::GeneratedMedia(
+        "carve_tracks_sample.mkv", {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=1", "-f", "lavfi",
+                                    "-i", "sine=duration=1", "-c:v", "libx264", "-pix_fmt", "yuv420p", "-c:a", "aac"});
+    thorough::SampleModel sample;
+    ASSERT_TRUE(sample.Load(testing_support::Wide(samplePath)));
+    for (const TrackCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string cluster = Element("\xE7", std::string(1, '\0'));
+        for (int i = 0; i < 3; ++i) {
+            cluster += Element("\xA3", BlockBody(c.bigTrack, int16_t(40 * i), 0x80, std::string(300, 'v')));
+            cluster += Element("\xA3", BlockBody(c.smallTrack, int16_t(40 * i), 0x80, std::string(20, 'a')));
+        }
+        TempDir dir("mkvtracks");
+        std::string path = Written(dir, Filler(64) + std::string("\x1F\x43\xB6\x75\xFF", 5) + cluster);
+        auto carved = thorough::MkvBlockCarver(sample).Carve(testing_support::Wide(path));
+        ASSERT_TRUE(carved);
+        ASSERT_EQ(carved->Packets().size(), 6u);
+        for (const auto& p : carved->Packets()) {
+            AVMediaType type = carved->Parameters(p.stream)->codec_type;
+            EXPECT_EQ(type == c.bigType, p.size == 300) << p.size;
+        }
+    }
+}
+
 // ---- AVI ----
 
 std::string Chunk(const char* id, const std::string& data) {

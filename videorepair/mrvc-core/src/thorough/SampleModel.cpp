@@ -19,6 +19,7 @@ int OrdinalOf(const std::vector<SampleStream>& streams, size_t index) {
 
 bool SampleModel::Load(const std::wstring& path) {
     streams_.clear();
+    path_ = path;
     if (path.empty()) return false;
     Demuxer demuxer;
     if (!demuxer.OpenFile(path)) return false;
@@ -26,7 +27,6 @@ bool SampleModel::Load(const std::wstring& path) {
         AVStream* stream = demuxer.Stream(i);
         SampleStream learnt;
         learnt.type = stream->codecpar->codec_type;
-        learnt.id = stream->id;
         learnt.parameters = CopyParameters(stream->codecpar);
         learnt.timeBase = stream->time_base;
         learnt.frameRate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;

@@ -12,7 +12,6 @@ namespace thorough {
 
 struct SampleStream {
     AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
-    int id = 0;  // the container's own number for the stream (a Matroska track number)
     ParametersPtr parameters;
     AVRational timeBase{0, 1};
     AVRational frameRate{0, 1};
@@ -25,6 +24,8 @@ public:
     bool Load(const std::wstring& path);
 
     bool Empty() const { return streams_.empty(); }
+    // The sample file, for a carver that reads what libavformat does not tell (track numbers).
+    const std::wstring& Path() const { return path_; }
     const std::vector<SampleStream>& Streams() const { return streams_; }
 
     // The sample stream that best stands for a damaged stream: the same codec and
@@ -36,6 +37,7 @@ private:
     void LearnInBandHeaders(AVFormatContext* input);
 
     std::vector<SampleStream> streams_;
+    std::wstring path_;
 };
 
 }  // namespace thorough

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "MkvHead.h"
 #include "MkvIds.h"
 #include "thorough/Demuxer.h"
 #include "util/Ebml.h"
@@ -249,26 +250,51 @@ std::unique_ptr<CarvedSource> MkvBlockCarver::Carve(const std::wstring& path) {
     return out;
 }
 
-// The streams and the track numbers they were written with: the damaged file's own
-// where its head still reads, else the sample's.
+// The streams: the damaged file's own where its head still reads, else the sample's.
 bool MkvBlockCarver::LearnStreams(const std::wstring& path, CarvedSource& out) {
     Demuxer own;
     bool ownHead = own.OpenFile(path, "matroska") && own.StreamCount() > 0;
-    std::vector<const SampleStream*> learnt;
-    for (const SampleStream& s : sample_.Streams()) learnt.push_back(&s);
-    size_t count = ownHead ? own.StreamCount() : learnt.size();
+    size_t count = ownHead ? own.StreamCount() : sample_.Streams().size();
+    std::vector<const AVCodecParameters*> kept;
+    std::vector<unsigned> indices;
     for (size_t i = 0; i < count; ++i) {
-        const AVCodecParameters* p = ownHead ? own.Parameters(unsigned(i)) : learnt[i]->parameters.get();
-        AVRational base = ownHead ? own.TimeBase(unsigned(i)) : learnt[i]->timeBase;
-        AVRational rate = ownHead ? own.FrameRate(unsigned(i)) : learnt[i]->frameRate;
-        int number = ownHead ? own.Stream(unsigned(i))->id : learnt[i]->id;
+        const SampleStream* learnt = ownHead ? nullptr : &sample_.Streams()[i];
+        const AVCodecParameters* p = ownHead ? own.Parameters(unsigned(i)) : learnt->parameters.get();
+        AVRational base = ownHead ? own.TimeBase(unsigned(i)) : learnt->timeBase;
+        AVRational rate = ownHead ? own.FrameRate(unsigned(i)) : learnt->frameRate;
         if (p == nullptr || p->codec_id == AV_CODEC_ID_NONE || base.num <= 0) continue;
-        byNumber_[number] = Track{out.AddStream(p, base, rate), p->codec_type};
+        kept.push_back(p);
+        indices.push_back(out.AddStream(p, base, rate));
         timeBase_ = base;
         if (p->codec_type == AVMEDIA_TYPE_VIDEO && rate.num > 0)
             frameTicks_ = std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), base));
     }
+    Number(ownHead ? path : sample_.Path(), kept, indices);
     return out.StreamCount() > 0;
+}
+
+// libavformat does not tell a stream's track number; the head's Tracks do. The
+// k-th stream of a kind is the k-th track entry of that kind. Without a readable
+// head, tracks are taken to be numbered from 1 in stream order, as writers do.
+void MkvBlockCarver::Number(const std::wstring& headOf, const std::vector<const AVCodecParameters*>& streams,
+                            const std::vector<unsigned>& indices) {
+    FileReader file(1u << 20);
+    MkvHead head;
+    std::string why;
+    bool parsed = file.Open(headOf) && MkvHeadParser::Parse(file, head, why);
+    std::map<AVMediaType, size_t> seen;
+    for (size_t i = 0; i < streams.size(); ++i) {
+        AVMediaType type = streams[i]->codec_type;
+        uint64_t kind = type == AVMEDIA_TYPE_VIDEO ? 1 : type == AVMEDIA_TYPE_AUDIO ? 2 : 17;
+        uint64_t number = i + 1;
+        size_t ordinal = seen[type]++, match = 0;
+        for (const MkvTrack& track : head.tracks) {
+            if (!parsed || track.type != kind || match++ != ordinal) continue;
+            number = track.number;
+            break;
+        }
+        byNumber_[number] = Track{indices[i], type};
+    }
 }
 
 // Track numbers that the streams know are taken as they are. Where the damaged file
@@ -280,7 +306,7 @@ void MkvBlockCarver::MatchTracks(const std::vector<MkvCarvedFrame>& frames) {
     std::set<unsigned> used;
     std::vector<std::pair<double, uint64_t>> strangers;
     for (const auto& [number, stats] : seen) {
-        auto known = byNumber_.find(int(number));
+        auto known = byNumber_.find(number);
         if (known != byNumber_.end()) {
             tracks_[number] = known->second;
             used.insert(known->second.stream);

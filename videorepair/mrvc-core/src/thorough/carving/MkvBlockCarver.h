@@ -79,10 +79,12 @@ private:
     };
 
     bool LearnStreams(const std::wstring& path, CarvedSource& out);
+    void Number(const std::wstring& headOf, const std::vector<const AVCodecParameters*>& streams,
+                const std::vector<unsigned>& indices);
     void MatchTracks(const std::vector<MkvCarvedFrame>& frames);
 
     const SampleModel& sample_;
-    std::map<int, Track> byNumber_;  // the streams by the track numbers they were written with
+    std::map<uint64_t, Track> byNumber_;  // the streams by the track numbers they were written with
     std::map<uint64_t, Track> tracks_;  // the damaged file's track numbers, once matched
     AVRational timeBase_{1, 1000};
     int64_t frameTicks_ = 1;
