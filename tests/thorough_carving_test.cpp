@@ -127,11 +127,12 @@ TEST(MkvBlockWalkTest, BlocksWithoutTheirClusterHeadAreKeptAndTimedBeforeTheNext
     EXPECT_TRUE(frames[0].key);
     EXPECT_FALSE(frames[3].key) << "a BlockGroup with a ReferenceBlock";
     EXPECT_EQ(frames[3].size, 9u);
-    std::vector<int64_t> times = thorough::ClusterTimes(walk.Groups(), frames, 40);
-    int64_t orphanEnd = times[frames[1].group] + frames[1].relative;
+    std::vector<int64_t> times = thorough::ClusterTimes(walk.Groups(), frames, 25);
     EXPECT_FALSE(walk.Groups()[frames[0].group].known);
     EXPECT_EQ(times[frames[2].group], 1000);
-    EXPECT_EQ(orphanEnd, 1000 - 40) << "one frame before the next cluster's first block";
+    int64_t orphanEnd = times[frames[1].group] + frames[1].relative;
+    int64_t nextOfTrack = times[frames[3].group] + frames[3].relative;
+    EXPECT_EQ(orphanEnd, nextOfTrack - 40) << "one step of the track before its next block";
 }
 
 TEST(MkvBlockWalkTest, LacedFramesSplitByTheirSizes) {

@@ -1,6 +1,7 @@
 #include "thorough/carving/MkvBlockCarver.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <set>
 
 #include "MkvHead.h"
@@ -324,29 +325,73 @@ void MkvBlockCarver::MatchTracks(const std::vector<MkvCarvedFrame>& frames) {
     for (size_t i = 0; i < strangers.size() && i < free.size(); ++i) tracks_[strangers[i].second] = free[i];
 }
 
+namespace {
+
+// What one cluster holds of one track: its earliest and latest block times, how
+// many blocks, and the smallest step between two blocks in a row.
+struct TrackSpan {
+    int64_t lowest = INT64_MAX, highest = INT64_MIN, step = INT64_MAX, last = 0;
+    int64_t count = 0;
+};
+using ClusterSpans = std::map<uint64_t, TrackSpan>;
+
+std::vector<ClusterSpans> SpansOf(size_t groups, const std::vector<MkvCarvedFrame>& frames) {
+    std::vector<ClusterSpans> spans(groups);
+    for (const MkvCarvedFrame& f : frames) {
+        if (f.laceFollower) continue;
+        TrackSpan& span = spans[f.group][f.track];
+        if (span.count > 0 && f.relative != span.last) span.step = std::min(span.step, std::abs(f.relative - span.last));
+        span.lowest = std::min(span.lowest, f.relative);
+        span.highest = std::max(span.highest, f.relative);
+        span.last = f.relative;
+        ++span.count;
+    }
+    return spans;
+}
+
+// The time of a cluster whose head was lost, told by the known cluster after it:
+// for the track with most blocks in both, its last block here lies one step before
+// its first block there. False when no track is in both.
+bool TimeBefore(const ClusterSpans& lost, const ClusterSpans& next, int64_t nextBase, int64_t& base) {
+    int64_t most = 0;
+    for (const auto& [track, span] : lost) {
+        auto there = next.find(track);
+        if (there == next.end() || span.count <= most || span.step == INT64_MAX) continue;
+        most = span.count;
+        base = nextBase + there->second.lowest - span.step - span.highest;
+    }
+    return most > 0;
+}
+
+int64_t Lowest(const ClusterSpans& spans) {
+    int64_t lowest = INT64_MAX;
+    for (const auto& entry : spans) lowest = std::min(lowest, entry.second.lowest);
+    return lowest;
+}
+
+int64_t Highest(const ClusterSpans& spans) {
+    int64_t highest = INT64_MIN;
+    for (const auto& entry : spans) highest = std::max(highest, entry.second.highest);
+    return highest;
+}
+
+}  // namespace
+
 std::vector<int64_t> ClusterTimes(const std::vector<MkvCarvedGroup>& groups, const std::vector<MkvCarvedFrame>& frames,
                                   int64_t frameTicks) {
-    std::vector<int64_t> lowest(groups.size(), INT64_MAX), highest(groups.size(), INT64_MIN);
-    for (const MkvCarvedFrame& f : frames) {
-        lowest[f.group] = std::min(lowest[f.group], f.relative);
-        highest[f.group] = std::max(highest[f.group], f.relative);
-    }
+    std::vector<ClusterSpans> spans = SpansOf(groups.size(), frames);
     std::vector<int64_t> bases(groups.size(), 0);
     int64_t lastEnd = INT64_MIN;
     for (size_t g = 0; g < groups.size(); ++g) {
-        if (lowest[g] == INT64_MAX) continue;  // no frames
-        if (groups[g].known) {
-            bases[g] = groups[g].base;
-        } else {
-            size_t next = g + 1;
-            while (next < groups.size() && !(groups[next].known && lowest[next] != INT64_MAX)) ++next;
-            if (next < groups.size())
-                bases[g] = groups[next].base + lowest[next] - frameTicks - highest[g];
-            else
-                bases[g] = (lastEnd == INT64_MIN ? 0 : lastEnd + frameTicks) - lowest[g];
-            if (lastEnd != INT64_MIN) bases[g] = std::max(bases[g], lastEnd + frameTicks - lowest[g]);
-        }
-        lastEnd = std::max(lastEnd, bases[g] + highest[g]);
+        if (spans[g].empty()) continue;
+        bases[g] = groups[g].base;
+        size_t next = g + 1;
+        while (next < groups.size() && !(groups[next].known && !spans[next].empty())) ++next;
+        bool timed = groups[g].known ||
+                     (next < groups.size() && TimeBefore(spans[g], spans[next], groups[next].base, bases[g]));
+        // Else the blocks follow what came before them.
+        if (!timed) bases[g] = (lastEnd == INT64_MIN ? 0 : lastEnd + frameTicks) - Lowest(spans[g]);
+        lastEnd = std::max(lastEnd, bases[g] + Highest(spans[g]));
     }
     return bases;
 }

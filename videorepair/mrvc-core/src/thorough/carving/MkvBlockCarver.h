@@ -59,9 +59,10 @@ private:
     int64_t skipped_ = 0;
 };
 
-// Each found cluster's time. Where a Cluster's head was lost, its time is set so its
-// blocks end one frame before the next known cluster's first block (or, at the end
-// of the file, follow the last cluster's), and never run back before what came.
+// Each found cluster's time. Where a Cluster's head was lost, its time is set so
+// that, in the track with most blocks, its last block lies one step (the track's
+// shortest gap) before that track's first block in the next known cluster; at the
+// end of the file its blocks follow what came before them by frameTicks.
 std::vector<int64_t> ClusterTimes(const std::vector<MkvCarvedGroup>& groups, const std::vector<MkvCarvedFrame>& frames,
                                   int64_t frameTicks);
 
