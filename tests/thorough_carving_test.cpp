@@ -11,6 +11,7 @@
 #include "support/RepairHarness.h"
 #include "thorough/SampleModel.h"
 #include "thorough/carving/AviChunkCarver.h"
+#include "thorough/carving/CarvedSource.h"
 #include "thorough/carving/FlvTagCarver.h"
 #include "thorough/carving/MkvBlockCarver.h"
 
@@ -32,6 +33,46 @@ std::string Written(const TempDir& dir, const std::string& bytes) {
     std::string path = dir.file("carve.bin");
     WriteFile(path, bytes);
     return path;
+}
+
+// ---- what the road reads ----
+
+// Pictures past damage wait for their stream's next key frame; the picture before
+// the damage, audio, and pictures of an unbroken stretch all pass.
+TEST(CarvedSourceTest, PicturesCutOffFromTheirReferencesAreLeftOut) {
+    struct Step {
+        bool video, key;
+        uint32_t run;
+        bool passes;
+    };
+    const Step steps[] = {
+        {true, true, 0, true},   {true, false, 0, true},  {false, true, 1, true},  {true, false, 1, false},
+        {true, false, 1, false}, {true, true, 2, true},   {true, false, 2, true},  {true, false, 3, false},
+    };
+    TempDir dir("carvedsource");
+    thorough::CarvedSource source;
+    ASSERT_TRUE(source.Open(testing_support::Wide(Written(dir, std::string(64, 'x')))));
+    AVCodecParameters* video = avcodec_parameters_alloc();
+    AVCodecParameters* audio = avcodec_parameters_alloc();
+    video->codec_type = AVMEDIA_TYPE_VIDEO;
+    audio->codec_type = AVMEDIA_TYPE_AUDIO;
+    source.AddStream(video, {1, 25}, {25, 1});
+    source.AddStream(audio, {1, 48000}, {0, 1});
+    avcodec_parameters_free(&video);
+    avcodec_parameters_free(&audio);
+    std::vector<int64_t> expected;
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        source.Add({int64_t(i), 1, steps[i].video ? 0u : 1u, AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0, steps[i].key, steps[i].run});
+        if (steps[i].passes) expected.push_back(int64_t(i));
+    }
+    std::vector<int64_t> read;
+    AVPacket* packet = av_packet_alloc();
+    while (source.Next(packet)) {
+        read.push_back(packet->pos);
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    EXPECT_EQ(read, expected);
 }
 
 // ---- FLV ----

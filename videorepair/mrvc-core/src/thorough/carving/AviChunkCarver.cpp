@@ -64,6 +64,7 @@ void AviChunkWalk::Run() {
         if (Step(at, true)) continue;
         at = Resync(before + 1);
         skipped_ += at - before;
+        ++run_;
     }
 }
 
@@ -96,7 +97,7 @@ bool AviChunkWalk::Step(int64_t& at, bool take) {
     }
     int64_t end = at + 8 + int64_t(size);
     if (end > file_.Size()) return false;
-    if (kind == Kind::kStream && take) chunks_.push_back({at + 8, size, stream});
+    if (kind == Kind::kStream && take) chunks_.push_back({at + 8, size, stream, run_});
     at = end + (size & 1);  // chunks are padded to an even length
     return true;
 }
@@ -197,7 +198,7 @@ void AviChunkCarver::TimeAndKey(CarvedSource& out, const std::vector<AviCarvedCh
     std::string head;
     for (const AviCarvedChunk& chunk : chunks) {
         const AVCodecParameters* p = out.Parameters(chunk.stream);
-        CarvedPacket packet{chunk.offset, chunk.size, chunk.stream, AV_NOPTS_VALUE, clock[chunk.stream], 0, true};
+        CarvedPacket packet{chunk.offset, chunk.size, chunk.stream, AV_NOPTS_VALUE, clock[chunk.stream], 0, true, chunk.run};
         if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
             ++clock[chunk.stream];
             if (chunk.size == 0) continue;

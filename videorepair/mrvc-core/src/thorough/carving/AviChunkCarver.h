@@ -21,6 +21,7 @@ struct AviCarvedChunk {
     int64_t offset = 0;  // of the chunk's data
     uint32_t size = 0;
     unsigned stream = 0;
+    uint32_t run = 0;  // how many times the walk had resumed past damage
 };
 
 // The walk alone, over bytes in a file.
@@ -44,6 +45,7 @@ private:
     unsigned streams_;
     std::vector<AviCarvedChunk> chunks_;
     int64_t skipped_ = 0;
+    uint32_t run_ = 0;
 };
 
 class AviChunkCarver {

@@ -22,6 +22,7 @@ struct CarvedPacket {
     int64_t dts = AV_NOPTS_VALUE;
     int64_t duration = 0;
     bool key = false;
+    uint32_t run = 0;  // which unbroken stretch of the file it came from (damage between stretches)
 };
 
 class CarvedSource : public PacketSource {
@@ -58,6 +59,16 @@ private:
     FileReader file_;
     std::vector<Stream> streams_;
     std::vector<CarvedPacket> packets_;
+    // Per stream: the stretch of its last packet, and whether its pictures are cut
+    // off from their references until the next key frame.
+    struct Chain {
+        bool seen = false;
+        bool broken = false;
+        uint32_t run = 0;
+    };
+    bool ReferencesLost(const CarvedPacket& packet);
+
+    std::vector<Chain> chains_;
     size_t next_ = 0;
     int64_t consumed_ = 0;
     int64_t skipped_ = 0;

@@ -63,6 +63,7 @@ std::unique_ptr<CarvedSource> FlvTagCarver::Carve(const std::wstring& path) {
         if (!TagAt(at, tag)) {
             int64_t found = Resync(at + 1, tag);
             out_->AddSkipped(found - at);
+            ++run_;
             if (found >= fileSize_) break;
             at = found;
         }
@@ -160,6 +161,7 @@ void FlvTagCarver::TakeVideo(const Tag& tag, const uint8_t* head, size_t got) {
     packet.stream = unsigned(stream);
     packet.dts = packet.pts = dts;
     packet.key = frameType == 1;
+    packet.run = run_;
     uint32_t skip = 1;
     if (codec == AV_CODEC_ID_H264) {
         if (got < 5) return;

@@ -52,6 +52,7 @@ private:
     int64_t fileSize_ = 0;
     Kind video_, audio_;
     int64_t shift_ = 0, lastTime_ = -1;
+    uint32_t run_ = 0;  // how many times the walk had resumed past damage
 };
 
 }  // namespace thorough

@@ -98,6 +98,7 @@ void MkvBlockWalk::Run() {
         if (Step(at, true)) continue;
         at = Resync(before + 1);
         skipped_ += at - before;
+        ++run_;
         Orphan(at);
     }
 }
@@ -206,7 +207,7 @@ bool MkvBlockWalk::Block(int64_t payload, uint64_t size, bool simple, bool refer
     if (!take) return true;
     bool key = simple ? (flags & 0x80) != 0 : !referenced;
     for (size_t i = 0; i < laces.size(); ++i)
-        frames_.push_back({laces[i].first, laces[i].second, track.value, groups_.size() - 1, relative, key, i > 0});
+        frames_.push_back({laces[i].first, laces[i].second, track.value, groups_.size() - 1, relative, key, i > 0, run_});
     return true;
 }
 
@@ -242,6 +243,7 @@ std::unique_ptr<CarvedSource> MkvBlockCarver::Carve(const std::wstring& path) {
         packet.size = frame.size;
         packet.stream = track->second.stream;
         packet.key = frame.key;
+        packet.run = frame.run;
         if (!frame.laceFollower) packet.pts = bases[frame.group] + frame.relative;
         // Video may be reordered: its decoding times are the muxer's to derive.
         if (track->second.type != AVMEDIA_TYPE_VIDEO) packet.dts = packet.pts;

@@ -26,6 +26,7 @@ struct MkvCarvedFrame {
     int64_t relative = 0;  // the block's time relative to that cluster
     bool key = false;
     bool laceFollower = false;  // a laced frame after the block's first: no time of its own
+    uint32_t run = 0;           // how many times the walk had resumed past damage
 };
 
 struct MkvCarvedGroup {
@@ -57,6 +58,7 @@ private:
     std::vector<MkvCarvedFrame> frames_;
     std::vector<MkvCarvedGroup> groups_;
     int64_t skipped_ = 0;
+    uint32_t run_ = 0;
 };
 
 // Each found cluster's time. Where a Cluster's head was lost, its time is set so
