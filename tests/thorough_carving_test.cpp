@@ -37,33 +37,32 @@ std::string Written(const TempDir& dir, const std::string& bytes) {
 
 // ---- what the road reads ----
 
-// Pictures past damage wait for their stream's next key frame; the picture before
-// the damage, audio, and pictures of an unbroken stretch all pass.
-TEST(CarvedSourceTest, PicturesCutOffFromTheirReferencesAreLeftOut) {
-    struct Step {
-        bool video, key;
-        uint32_t run;
-        bool passes;
-    };
-    const Step steps[] = {
-        {true, true, 0, true},   {true, false, 0, true},  {false, true, 1, true},  {true, false, 1, false},
-        {true, false, 1, false}, {true, true, 2, true},   {true, false, 2, true},  {true, false, 3, false},
-    };
+// VP9 pictures past damage wait for their stream's next key frame, unless their
+// group's presentation times show that no picture went missing; the picture before
+// the damage, audio, pictures of an unbroken stretch, and the pictures of codecs
+// whose decoders conceal lost references always pass.
+struct Carved {
+    bool video, key;
+    uint32_t run;
+    int64_t pts;
+    bool passes;
+};
+
+std::vector<int64_t> ReadThrough(AVCodecID codec, const std::vector<Carved>& steps, std::vector<int64_t>& expected) {
     TempDir dir("carvedsource");
     thorough::CarvedSource source;
-    ASSERT_TRUE(source.Open(testing_support::Wide(Written(dir, std::string(64, 'x')))));
-    AVCodecParameters* video = avcodec_parameters_alloc();
-    AVCodecParameters* audio = avcodec_parameters_alloc();
-    video->codec_type = AVMEDIA_TYPE_VIDEO;
-    audio->codec_type = AVMEDIA_TYPE_AUDIO;
-    source.AddStream(video, {1, 25}, {25, 1});
-    source.AddStream(audio, {1, 48000}, {0, 1});
-    avcodec_parameters_free(&video);
-    avcodec_parameters_free(&audio);
-    std::vector<int64_t> expected;
-    for (size_t i = 0; i < std::size(steps); ++i) {
-        source.Add({int64_t(i), 1, steps[i].video ? 0u : 1u, AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0, steps[i].key, steps[i].run});
-        if (steps[i].passes) expected.push_back(int64_t(i));
+    EXPECT_TRUE(source.Open(testing_support::Wide(Written(dir, std::string(64, 'x')))));
+    for (AVMediaType type : {AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO}) {
+        AVCodecParameters* p = avcodec_parameters_alloc();
+        p->codec_type = type;
+        p->codec_id = type == AVMEDIA_TYPE_VIDEO ? codec : AV_CODEC_ID_OPUS;
+        source.AddStream(p, {1, 1000}, {0, 1});
+        avcodec_parameters_free(&p);
+    }
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const Carved& c = steps[i];
+        source.Add({int64_t(i), 1, c.video ? 0u : 1u, c.pts, AV_NOPTS_VALUE, 0, c.key, c.run});
+        if (c.passes) expected.push_back(int64_t(i));
     }
     std::vector<int64_t> read;
     AVPacket* packet = av_packet_alloc();
@@ -72,7 +71,35 @@ TEST(CarvedSourceTest, PicturesCutOffFromTheirReferencesAreLeftOut) {
         av_packet_unref(packet);
     }
     av_packet_free(&packet);
-    EXPECT_EQ(read, expected);
+    return read;
+}
+
+TEST(CarvedSourceTest, PicturesCutOffFromTheirReferencesAreLeftOut) {
+    constexpr int64_t kNone = AV_NOPTS_VALUE;
+    const std::vector<Carved> untimed = {
+        {true, true, 0, kNone, true},   {true, false, 0, kNone, true}, {false, true, 1, kNone, true},
+        {true, false, 1, kNone, false}, {true, false, 1, kNone, false}, {true, true, 2, kNone, true},
+        {true, false, 2, kNone, true},  {true, false, 3, kNone, false}};
+    std::vector<Carved> concealed = untimed;
+    for (Carved& c : concealed) c.passes = true;
+    const std::vector<std::pair<AVCodecID, std::vector<Carved>>> scenarios = {
+        // no times: every picture past damage waits for a key frame
+        {AV_CODEC_ID_VP9, untimed},
+        // a decoder that conceals gets them all
+        {AV_CODEC_ID_H264, concealed},
+        // times run on across the damage (only audio was lost): the group stays whole
+        {AV_CODEC_ID_VP9, {{true, true, 0, 0, true}, {true, false, 0, 80, true}, {true, false, 1, 40, true},
+         {true, false, 1, 120, true}, {true, true, 1, 160, true}}},
+        // a picture's time is missing: those past the damage go
+        {AV_CODEC_ID_VP9, {{true, true, 0, 0, true}, {true, false, 0, 40, true}, {true, false, 1, 120, false},
+                           {true, false, 1, 160, false}, {true, true, 1, 200, true}}},
+    };
+    for (size_t i = 0; i < scenarios.size(); ++i) {
+        SCOPED_TRACE(i);
+        std::vector<int64_t> expected;
+        std::vector<int64_t> read = ReadThrough(scenarios[i].first, scenarios[i].second, expected);
+        EXPECT_EQ(read, expected);
+    }
 }
 
 // ---- FLV ----

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "thorough/carving/ReferenceChains.h"
+
 namespace thorough {
 
 unsigned CarvedSource::AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate) {
@@ -14,10 +16,17 @@ unsigned CarvedSource::AddStream(const AVCodecParameters* parameters, AVRational
 }
 
 bool CarvedSource::Next(AVPacket* packet) {
+    if (!settled_) {
+        std::vector<bool> checked;
+        for (const Stream& s : streams_) checked.push_back(RefusesLostReferences(s.parameters->codec_id));
+        leaveOut_ = PicturesWithLostReferences(packets_, checked);
+        settled_ = true;
+    }
     while (next_ < packets_.size()) {
-        const CarvedPacket& carved = packets_[next_++];
+        const CarvedPacket& carved = packets_[next_];
+        bool leftOut = leaveOut_[next_++];
         consumed_ = carved.offset + carved.size;
-        if (ReferencesLost(carved)) continue;
+        if (leftOut) continue;
         // A payload the file no longer holds whole (cut short) is left out.
         if (av_new_packet(packet, int(carved.size)) < 0) return false;
         if (file_.ReadAt(carved.offset, packet->data, carved.size) != int64_t(carved.size)) {
@@ -33,21 +42,6 @@ bool CarvedSource::Next(AVPacket* packet) {
         return true;
     }
     return false;
-}
-
-// A picture found past damaged bytes, before its stream's next key frame, predicts
-// from pictures the damage took: it decodes to a wrong picture (and some decoders
-// give up on the stream there), so it is left out. The picture just before the
-// damage is kept: the damage may have begun behind it.
-bool CarvedSource::ReferencesLost(const CarvedPacket& packet) {
-    if (streams_[packet.stream].parameters->codec_type != AVMEDIA_TYPE_VIDEO) return false;
-    if (chains_.size() < streams_.size()) chains_.resize(streams_.size());
-    Chain& chain = chains_[packet.stream];
-    if (chain.seen && packet.run != chain.run) chain.broken = true;
-    chain.seen = true;
-    chain.run = packet.run;
-    if (packet.key) chain.broken = false;
-    return chain.broken;
 }
 
 }  // namespace thorough

@@ -59,16 +59,8 @@ private:
     FileReader file_;
     std::vector<Stream> streams_;
     std::vector<CarvedPacket> packets_;
-    // Per stream: the stretch of its last packet, and whether its pictures are cut
-    // off from their references until the next key frame.
-    struct Chain {
-        bool seen = false;
-        bool broken = false;
-        uint32_t run = 0;
-    };
-    bool ReferencesLost(const CarvedPacket& packet);
-
-    std::vector<Chain> chains_;
+    std::vector<bool> leaveOut_;  // pictures whose references the damage took, settled on the first read
+    bool settled_ = false;
     size_t next_ = 0;
     int64_t consumed_ = 0;
     int64_t skipped_ = 0;
