@@ -5,6 +5,7 @@
 
 #include "thorough/Demuxer.h"
 #include "thorough/ParameterSets.h"
+#include "thorough/carving/AudioClock.h"
 #include "thorough/carving/PictureSize.h"
 
 namespace thorough {

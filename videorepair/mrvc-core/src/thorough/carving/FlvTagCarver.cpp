@@ -1,5 +1,6 @@
 #include "thorough/carving/FlvTagCarver.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace thorough {

@@ -268,7 +268,6 @@ bool MkvBlockCarver::LearnStreams(const std::wstring& path, CarvedSource& out) {
         if (p == nullptr || p->codec_id == AV_CODEC_ID_NONE || base.num <= 0) continue;
         kept.push_back(p);
         indices.push_back(out.AddStream(p, base, rate));
-        timeBase_ = base;
         if (p->codec_type == AVMEDIA_TYPE_VIDEO && rate.num > 0)
             frameTicks_ = std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), base));
     }

@@ -89,7 +89,6 @@ private:
     const SampleModel& sample_;
     std::map<uint64_t, Track> byNumber_;  // the streams by the track numbers they were written with
     std::map<uint64_t, Track> tracks_;  // the damaged file's track numbers, once matched
-    AVRational timeBase_{1, 1000};
     int64_t frameTicks_ = 1;
 };
 
