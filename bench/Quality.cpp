@@ -157,7 +157,9 @@ Maker Gstreamer(std::string video, std::string audio, std::string mux, int audio
 
 std::vector<Writer> Corpus() {
     const double ts = 192.0 / 184.0 * 1.02, ts188 = 188.0 / 184.0 * 1.02, ts204 = 204.0 / 184.0 * 1.02, ps = 1.03;
-    const std::vector<std::string> x264 = {"-c:v", "libx264", "-preset", "veryfast", "-g", "25"};
+    // lavfi's testsrc (the sample) is RGB, for which libx264 would choose 4:4:4 while
+    // testsrc2 (the original) gets 4:2:0: the same settings need the format named.
+    const std::vector<std::string> x264 = {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-preset", "veryfast", "-g", "25"};
     auto with = [](std::vector<std::string> a, std::vector<std::string> b) {
         a.insert(a.end(), b.begin(), b.end());
         return a;

@@ -19,11 +19,10 @@ int OrdinalOf(const std::vector<SampleStream>& streams, size_t index) {
 
 bool SampleModel::Load(const std::wstring& path) {
     streams_.clear();
-    path_.clear();
+    path_ = path;
     if (path.empty()) return false;
     Demuxer demuxer;
     if (!demuxer.OpenFile(path)) return false;
-    path_ = path;
     for (unsigned i = 0; i < demuxer.StreamCount(); ++i) {
         AVStream* stream = demuxer.Stream(i);
         SampleStream learnt;

@@ -1,3 +1,4 @@
+#include "thorough/strategies/CarvingStrategies.h"
 #include "thorough/strategies/ContainerStrategy.h"
 #include "thorough/strategies/AsfStrategy.h"
 #include "thorough/strategies/MpegPsStrategy.h"
@@ -60,6 +61,9 @@ std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
     if (formatName == "wmv" || formatName == "asf") return std::make_unique<AsfStrategy>();
     if (formatName == "mxf" || formatName == "klv") return std::make_unique<MxfStrategy>();
+    if (formatName == "avi") return std::make_unique<AviStrategy>();
+    if (formatName == "flv") return std::make_unique<FlvStrategy>();
+    if (formatName == "mkv" || formatName == "webm") return std::make_unique<MkvStrategy>(formatName);
     return std::make_unique<PlainStrategy>(formatName);
 }
 
