@@ -19,6 +19,7 @@ int OrdinalOf(const std::vector<SampleStream>& streams, size_t index) {
 
 bool SampleModel::Load(const std::wstring& path) {
     streams_.clear();
+    path_.clear();
     if (path.empty()) return false;
     Demuxer demuxer;
     if (!demuxer.OpenFile(path)) return false;
@@ -36,6 +37,7 @@ bool SampleModel::Load(const std::wstring& path) {
         streams_.push_back(std::move(learnt));
     }
     LearnInBandHeaders(demuxer.Context());
+    if (!streams_.empty()) path_ = path;
     return !streams_.empty();
 }
 

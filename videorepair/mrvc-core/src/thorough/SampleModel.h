@@ -24,6 +24,8 @@ public:
     bool Load(const std::wstring& path);
 
     bool Empty() const { return streams_.empty(); }
+    // The sample file it was loaded from (empty when none was).
+    const std::wstring& Path() const { return path_; }
     const std::vector<SampleStream>& Streams() const { return streams_; }
 
     // The sample stream that best stands for a damaged stream: the same codec and
@@ -35,6 +37,7 @@ private:
     void LearnInBandHeaders(AVFormatContext* input);
 
     std::vector<SampleStream> streams_;
+    std::wstring path_;
 };
 
 }  // namespace thorough

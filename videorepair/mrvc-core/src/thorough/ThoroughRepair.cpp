@@ -238,6 +238,7 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
                                "): no rebuilt file played better"
                          : std::string(KindName(best.kind)) + ": " + CountText(best.count) + " against " +
                                CountText(asIs.count) + " in the damaged file as it is";
+    if (strategy_ && !strategy_->Remark().empty()) outcome.reason += "; " + strategy_->Remark();
     Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
     Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));
 }

@@ -53,6 +53,10 @@ public:
         return nullptr;
     }
 
+    // What the strategy found worth telling the host (why it could not carve, or
+    // that the sample does not fit the damaged file); empty when nothing.
+    virtual std::string Remark() const { return std::string(); }
+
     // The libavformat demuxer that reads the cleaned view; empty: probe it.
     virtual std::string CleanedFormat() const { return std::string(); }
 

@@ -1,4 +1,5 @@
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/Mp4Strategy.h"
 #include "thorough/strategies/MpegPsStrategy.h"
 #include "thorough/strategies/MpegTsStrategy.h"
 
@@ -6,6 +7,8 @@
 
 namespace thorough {
 namespace {
+
+const char kIsoDemuxer[] = "mov,mp4,m4a,3gp,3g2,mj2";
 
 // Containers whose damaged file is best read as it is, with the sample restoring
 // what the damage removed.
@@ -25,6 +28,8 @@ std::string MuxerFor(const std::string& formatName) {
     static const std::map<std::string, std::string> muxers = {
         {"avi", "avi"}, {"flv", "flv"},  {"mkv", "matroska"}, {"mxf", "mxf"},      {"klv", "mxf"},
         {"wmv", "asf"}, {"asf", "asf"},  {"mpeg", "mpeg"},    {"mts", "mpegts"},   {"m2ts", "mpegts"},
+        {"mp4", "mp4"}, {"mov", "mov"},  {"3gp", "3gp"},      {"3g2", "3g2"},      {"m4v", "ipod"},
+        {"m4a", "ipod"}, {"insv", "mp4"}, {"360", "mp4"},
     };
     auto found = muxers.find(formatName);
     return found != muxers.end() ? found->second : std::string();
@@ -34,6 +39,8 @@ std::string DemuxerFor(const std::string& formatName) {
     static const std::map<std::string, std::string> demuxers = {
         {"avi", "avi"}, {"flv", "flv"}, {"mkv", "matroska,webm"}, {"mxf", "mxf"},     {"klv", "mxf"},
         {"wmv", "asf"}, {"asf", "asf"}, {"mpeg", "mpeg"},         {"mts", "mpegts"}, {"m2ts", "mpegts"},
+        {"mp4", kIsoDemuxer}, {"mov", kIsoDemuxer}, {"3gp", kIsoDemuxer}, {"3g2", kIsoDemuxer},
+        {"m4v", kIsoDemuxer}, {"m4a", kIsoDemuxer}, {"insv", kIsoDemuxer}, {"360", kIsoDemuxer},
     };
     auto found = demuxers.find(formatName);
     return found != demuxers.end() ? found->second : std::string();
@@ -42,6 +49,7 @@ std::string DemuxerFor(const std::string& formatName) {
 std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "mts" || formatName == "m2ts") return std::make_unique<MpegTsStrategy>();
     if (formatName == "mpeg" || formatName == "mpg") return std::make_unique<MpegPsStrategy>();
+    if (DemuxerFor(formatName) == kIsoDemuxer) return std::make_unique<Mp4Strategy>(formatName);
     return std::make_unique<PlainStrategy>(formatName);
 }
 

@@ -1,0 +1,48 @@
+// The top-level boxes of an ISO base media file (MP4, MOV, 3GP), read from their
+// headers alone: where the media data lies, and whether the index (moov) that
+// tells its samples apart is there at all.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class FileReader;
+
+namespace thorough {
+namespace iso {
+
+struct Box {
+    std::string type;      // four characters
+    int64_t offset = 0;    // of the header
+    int64_t header = 8;    // 8, or 16 with a 64-bit size
+    int64_t size = 0;      // as declared; to the end of the file when declared 0
+    bool truncated = false;  // the declared size runs past the end of the file
+    int64_t End() const { return offset + size; }
+    int64_t PayloadBegin() const { return offset + header; }
+};
+
+// A box header at data[0..available); false when it is not a plausible one.
+bool ReadBoxHeader(const uint8_t* data, size_t available, int64_t offset, int64_t fileSize, Box& box);
+
+// The top-level boxes in file order. A box whose size lies (zero where it is
+// not last, or past the end) ends the list, marked truncated and running to the
+// end of the file.
+std::vector<Box> TopLevelBoxes(FileReader& file);
+
+// The media data that the damaged file holds: each mdat's payload, the end
+// clipped to the file.
+struct MediaRange {
+    int64_t begin = 0;
+    int64_t end = 0;
+};
+std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t fileSize);
+
+// True when the list has a moov and every box is whole.
+bool IndexIntact(const std::vector<Box>& boxes);
+
+// True when the file is fragmented (a moof follows the moov).
+bool Fragmented(const std::vector<Box>& boxes);
+
+}  // namespace iso
+}  // namespace thorough

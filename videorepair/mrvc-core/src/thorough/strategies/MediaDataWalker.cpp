@@ -1,0 +1,90 @@
+#include "thorough/strategies/MediaDataWalker.h"
+
+#include <algorithm>
+
+#include "io/FileReader.h"
+
+namespace thorough {
+namespace {
+
+// Read ahead past the largest believed video sample, so a sample is never
+// judged on a window that cuts it.
+constexpr int64_t kReadAhead = 4 << 20;
+// An audio stretch longer than this is not one writer's chunk.
+constexpr int64_t kLongestAudioRun = 2 << 20;
+// Room over the sample's longest stretch: chunks vary with the content.
+constexpr int64_t kAudioRunSlack = 2;
+
+}  // namespace
+
+MediaDataWalker::MediaDataWalker(FileReader& file, const AccessUnitReader& video, AudioFrameSplitter* audio,
+                                 int64_t largestAudioRun)
+    : file_(file), video_(video), audio_(audio),
+      longestRun_(largestAudioRun > 0 ? std::min(largestAudioRun * kAudioRunSlack, kLongestAudioRun)
+                                      : kLongestAudioRun) {}
+
+// The buffer holds at least the largest believed sample from at on (or all that
+// is left), and is reloaded only once a scan has moved the read-ahead on.
+bool MediaDataWalker::Load(int64_t at, int64_t end) {
+    const int64_t need = std::min<int64_t>(end - at, int64_t(video_.MostBytes()));
+    const int64_t bufferEnd = bufferStart_ + int64_t(buffer_.size());
+    if (at >= bufferStart_ && at + need <= bufferEnd) return true;
+    const int64_t want = std::min<int64_t>(end - at, int64_t(video_.MostBytes()) + kReadAhead);
+    buffer_.resize(size_t(want));
+    bufferStart_ = at;
+    int64_t got = file_.ReadAt(at, buffer_.data(), size_t(want));
+    buffer_.resize(size_t(std::max<int64_t>(got, 0)));
+    return got >= need;
+}
+
+size_t MediaDataWalker::VideoAt(int64_t at, int64_t end, bool& key) {
+    if (!Load(at, end)) return 0;
+    return video_.Measure(At(at), AvailableAt(at), key);
+}
+
+int64_t MediaDataWalker::NextVideo(int64_t from, int64_t end) {
+    bool key = false;
+    for (int64_t at = from; at < end; ++at)
+        if (VideoAt(at, end, key) > 0) return at;
+    return end;
+}
+
+void MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+    for (int64_t at = begin; at < end;) {
+        bool key = false;
+        if (size_t length = VideoAt(at, end, key); length > 0) {
+            out.push_back({at, uint32_t(length), true, key, 0});
+            at += int64_t(length);
+            continue;
+        }
+        const int64_t next = NextVideo(at + 1, end);
+        TakeAudio(at, next, out);
+        at = next;
+    }
+}
+
+// A stretch far longer than the writer's chunks holds what is not its audio (a
+// picture whose head the damage took, a metadata track): PCM would take any
+// bytes, so only what follows a broken picture's end, where one shows, is tried.
+void MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+    int64_t taken = 0;
+    if (audio_ != nullptr) {
+        const int64_t length = std::min(end - begin, kLongestAudioRun);
+        std::string run(size_t(length), '\0');
+        const auto* bytes = reinterpret_cast<const uint8_t*>(run.data());
+        if (file_.ReadAt(begin, run.data(), run.size()) == length) {
+            size_t from = length > longestRun_ ? video_.EndOfBrokenPicture(bytes, run.size()) : 0;
+            if (end - begin - int64_t(from) > longestRun_) from = run.size();
+            for (const AudioFrame& f : audio_->Split(bytes + from, run.size() - from)) {
+                out.push_back({begin + int64_t(from + f.offset), uint32_t(f.size), false, true, f.samples});
+                taken += int64_t(f.size);
+            }
+        }
+    }
+    if (taken < end - begin) {
+        skipped_ += end - begin - taken;
+        ++unreadableRuns_;
+    }
+}
+
+}  // namespace thorough

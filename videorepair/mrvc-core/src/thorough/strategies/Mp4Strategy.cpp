@@ -1,0 +1,118 @@
+#include "thorough/strategies/Mp4Strategy.h"
+
+#include "RepairLog.h"
+#include "io/FileReader.h"
+#include "thorough/SampleModel.h"
+#include "thorough/strategies/CarvedPackets.h"
+#include "thorough/strategies/IsoBoxes.h"
+#include "thorough/strategies/MediaDataWalker.h"
+#include "thorough/strategies/Mp4SampleLayout.h"
+#include "thorough/strategies/PictureOrder.h"
+#include "thorough/strategies/SampleFit.h"
+
+namespace thorough {
+namespace {
+
+const char kLogSource[] = "videorepair/mrvc-core/src/thorough/strategies/Mp4Strategy";
+
+int FirstOfType(const SampleModel& sample, AVMediaType type) {
+    const auto& streams = sample.Streams();
+    for (size_t i = 0; i < streams.size(); ++i)
+        if (streams[i].type == type && streams[i].parameters) return int(i);
+    return -1;
+}
+
+CarvedTrack TrackOf(const SampleModel& sample, int index) {
+    CarvedTrack track;
+    if (index < 0) return track;
+    const SampleStream& s = sample.Streams()[size_t(index)];
+    track.parameters = CopyParameters(s.parameters.get());
+    track.timeBase = s.timeBase;
+    track.frameRate = s.frameRate;
+    return track;
+}
+
+const char* CodecName(AVCodecID codec) {
+    const char* name = avcodec_get_name(codec);
+    return name != nullptr ? name : "unknown";
+}
+
+std::vector<int64_t> PresentationOf(const std::vector<CarvedSample>& samples, const AVCodecParameters* video,
+                                    FileReader& file) {
+    PictureOrderReader reader(video);
+    std::vector<int> counts;
+    std::vector<bool> keys;
+    std::string bytes;
+    for (const CarvedSample& s : samples) {
+        if (!s.video) continue;
+        bytes.resize(s.size);
+        bool read = file.ReadAt(s.offset, bytes.data(), s.size) == int64_t(s.size);
+        counts.push_back(read ? reader.OrderCount(reinterpret_cast<const uint8_t*>(bytes.data()), s.size)
+                              : PictureOrderReader::kUnknown);
+        keys.push_back(s.key);
+    }
+    return PresentationOrder(counts, keys);
+}
+
+}  // namespace
+
+std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath, const SampleModel& sample,
+                                                 const CarveContext& context, RepairLog* log) {
+    remark_.clear();
+    auto file = std::make_unique<FileReader>();
+    if (!file->Open(damagedPath)) return nullptr;
+    const std::vector<iso::Box> boxes = iso::TopLevelBoxes(*file);
+    // A whole index read by the file's own demuxer knows every sample exactly.
+    if (iso::IndexIntact(boxes) && context.ownDemuxerReadsFile && context.asIs.videoFrames > 0) return nullptr;
+    if (iso::Fragmented(boxes) && context.ownDemuxerReadsFile) return nullptr;
+    const int videoIndex = FirstOfType(sample, AVMEDIA_TYPE_VIDEO);
+    if (videoIndex < 0) {
+        remark_ = "the index is lost and no sample with video was given to carve the media data by";
+        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
+        return nullptr;
+    }
+    const int audioIndex = FirstOfType(sample, AVMEDIA_TYPE_AUDIO);
+    const SampleLayout layout = LearnSampleLayout(sample.Path(), videoIndex, audioIndex);
+    const AccessUnitReader video(layout.video);
+    const AVCodecID codec = sample.Streams()[size_t(videoIndex)].parameters->codec_id;
+    if (!video.Supported()) {
+        remark_ = std::string("the sample's video (") + CodecName(codec) + ") cannot be carved without an index";
+        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
+        return nullptr;
+    }
+    CarvedTrack audioTrack = TrackOf(sample, audioIndex);
+    std::unique_ptr<AudioFrameSplitter> audio;
+    if (audioTrack.parameters) audio = std::make_unique<AudioFrameSplitter>(audioTrack.parameters.get());
+    if (audio && !audio->Supported()) audio.reset(), audioTrack = CarvedTrack();
+
+    std::vector<CarvedSample> samples;
+    MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
+    int64_t mediaBytes = 0;
+    for (const iso::MediaRange& range : iso::MediaData(boxes, file->Size())) {
+        walker.Walk(range.begin, range.end, samples);
+        mediaBytes += range.end - range.begin;
+    }
+    int64_t videoSamples = 0;
+    for (const CarvedSample& s : samples) videoSamples += s.video;
+    VR_LOG(log, kLogInfo, "[Mp4] carved samples:", std::to_string(samples.size()));
+    VR_LOG(log, kLogInfo, "[Mp4] bytes of media data stepped over:", std::to_string(walker.Skipped()));
+    if (videoSamples == 0) {
+        remark_ = mediaBytes > 0 ? std::string("the sample does not fit the damaged file: no ") + CodecName(codec) +
+                                       " sample like the sample's was found in its media data"
+                                 : "no media data was found in the damaged file";
+        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
+        return nullptr;
+    }
+    CarvedTrack videoTrack = TrackOf(sample, videoIndex);
+    if (!KeyPicturesDecode(videoTrack.parameters.get(), samples, *file)) {
+        remark_ = std::string("the sample does not fit the damaged file: its ") + CodecName(codec) +
+                  " configuration (profile, picture size or format) does not decode the damaged file's pictures";
+        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
+        return nullptr;
+    }
+    std::vector<int64_t> presentation = PresentationOf(samples, videoTrack.parameters.get(), *file);
+    return std::make_unique<CarvedPackets>(std::move(file), std::move(videoTrack), std::move(audioTrack),
+                                           std::move(samples), presentation, walker.Skipped());
+}
+
+}  // namespace thorough
