@@ -9,6 +9,7 @@
 #include "io/FileReader.h"
 #include "support/RepairHarness.h"
 #include "thorough/strategies/AccessUnitReader.h"
+#include "thorough/strategies/IsoBoxes.h"
 #include "thorough/strategies/MediaDataWalker.h"
 #include "thorough/strategies/PictureOrder.h"
 
@@ -142,6 +143,49 @@ TEST(Mp4PictureOrderTest, PresentationFollowsOrderCounts) {
         {"unknown keeps decoding order", {0, U, 4, 2}, {true, false, false, false}, {0, 1, 3, 2}},
     };
     for (const Case& c : cases) EXPECT_EQ(thorough::PresentationOrder(c.counts, c.keys), c.expected) << c.name;
+}
+
+Bytes Box(const char* type, uint32_t size, size_t payload) {
+    Bytes b;
+    PutBe32(b, size);
+    return b + type + Bytes(payload, '\x42');
+}
+
+// Where the media data lies when the recording stopped: mdat sizes of 0, past
+// the end, too small, or 64-bit; a head the damage zeroed, with the index still
+// at the end of the file.
+TEST(Mp4BoxesTest, MediaDataIsFoundWhateverItsHeaderSays) {
+    Bytes large;
+    PutBe32(large, 1);
+    large += "mdat";
+    PutBe32(large, 0);
+    PutBe32(large, 16 + 100);
+    large += Bytes(100, '\x42');
+    struct Case {
+        const char* name;
+        Bytes file;
+        std::vector<std::pair<int64_t, int64_t>> ranges;
+    };
+    const Case cases[] = {
+        {"size 0 runs to the end", Box("ftyp", 16, 8) + Box("mdat", 0, 300), {{24, 324}}},
+        {"size past the end", Box("ftyp", 16, 8) + Box("mdat", 5000, 300), {{24, 324}}},
+        {"size too small, media data behind", Box("ftyp", 16, 8) + Box("mdat", 108, 300), {{24, 324}}},
+        {"whole, index behind", Box("ftyp", 16, 8) + Box("mdat", 108, 100) + Box("moov", 40, 32), {{24, 124}}},
+        {"64-bit size", Box("ftyp", 16, 8) + large, {{32, 132}}},
+        {"head zeroed, index at the end", Bytes(64, '\0') + Bytes(200, '\x42') + Box("moov", 40, 32), {{0, 264}}},
+    };
+    for (const Case& c : cases) {
+        TempDir dir("mp4boxes");
+        WriteFile(dir.file("f"), c.file);
+        FileReader file;
+        ASSERT_TRUE(file.Open(dir.wfile("f")));
+        const auto boxes = thorough::iso::TopLevelBoxes(file);
+        const int64_t dataEnd =
+            thorough::iso::IndexIntact(boxes) ? file.Size() : thorough::iso::TrailingIndexAt(file);
+        std::vector<std::pair<int64_t, int64_t>> got;
+        for (const auto& r : thorough::iso::MediaData(boxes, dataEnd)) got.emplace_back(r.begin, r.end);
+        EXPECT_EQ(got, c.ranges) << c.name;
+    }
 }
 
 // ---- end to end, through the exported manager ----
@@ -307,6 +351,47 @@ TEST(Mp4SampleFitTest, ASampleThatDoesNotFitIsRefusedWithAReason) {
         EXPECT_EQ(run.result, -1) << sampleRecorder.name;
         EXPECT_NE(std::string(options.reason).find("does not fit"), std::string::npos) << options.reason;
         EXPECT_TRUE(run.inputUnchanged);
+    }
+}
+
+// The index survived but not all the data: the file's own index is read, every
+// sample still whole is kept, the cut one is left out and the reason says so;
+// a zeroed head hides the index from the demuxer, and the carver takes over.
+TEST(Mp4IndexKeptTest, CutDataAndZeroedHead) {
+    const Recorder front{"h264_aac_front", "mp4",
+                         {"-c:v", "libx264", "-preset", "veryfast", "-g", "25", "-pix_fmt", "yuv420p", "-c:a", "aac",
+                          "-movflags", "+faststart"}};
+    struct Case {
+        const char* name;
+        const Recorder& recorder;
+        double keep;
+        int64_t zeroed;
+        const char* said;
+    };
+    const Case cases[] = {
+        {"data cut behind a leading index", front, 0.6, 0, "left out"},
+        {"head zeroed, index at the end", Recorders()[0], 1.0, 8192, ""},
+    };
+    for (const Case& c : cases) {
+        std::string healthy = Make(c.recorder, false), sample = Make(c.recorder, true);
+        std::string bytes = ReadFile(healthy);
+        Damage damage;
+        damage.keep = int64_t(double(bytes.size()) * c.keep);
+        if (c.zeroed > 0) damage.zeroed = {{0, c.zeroed}};
+        TempDir dir("mp4kept");
+        std::string damaged = dir.file("damaged.mp4");
+        WriteFile(damaged, ApplyDamage(bytes, damage));
+        const auto frames = CountSurvivors(OwnBytes(PositionedPackets(ProbeVideoPackets(healthy)), 0, 0), damage,
+                                           Dependence::kUnbrokenChain);
+        ThoroughRepairOptions options{};
+        options.size = sizeof options;
+        ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
+        ASSERT_EQ(run.result, 0) << c.name;
+        EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), int(0.95 * frames)) << c.name;
+        EXPECT_EQ(testing_support::CountDecodedVideoFrames(run.repairedPath),
+                  CountBitExactFrames(run.repairedPath, healthy))
+            << c.name << ": a frame that is not whole was kept";
+        EXPECT_NE(std::string(options.reason).find(c.said), std::string::npos) << options.reason;
     }
 }
 

@@ -149,6 +149,10 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, Candidate& asIs, bo
     }
     for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
     if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
+    if (input.CutSamples() > 0) {
+        cutNote_ = std::to_string(input.CutSamples()) + " samples that the end of the file cut were left out";
+        Log(kLogInfo, "[Thorough]", cutNote_);
+    }
     if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);
     return candidate;
 }
@@ -238,6 +242,7 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
                                "): no rebuilt file played better"
                          : std::string(KindName(best.kind)) + ": " + CountText(best.count) + " against " +
                                CountText(asIs.count) + " in the damaged file as it is";
+    if (!cutNote_.empty() && best.kind != kVerdictAsIs) outcome.reason += "; " + cutNote_;
     if (strategy_ && !strategy_->Remark().empty()) outcome.reason += "; " + strategy_->Remark();
     Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
     Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));

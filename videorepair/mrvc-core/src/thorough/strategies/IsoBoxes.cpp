@@ -1,5 +1,6 @@
 #include "thorough/strategies/IsoBoxes.h"
 
+#include <algorithm>
 #include <cctype>
 
 #include "io/FileReader.h"
@@ -14,6 +15,16 @@ bool PrintableType(const uint8_t* p) {
     for (int i = 0; i < 4; ++i)
         if (!std::isprint(p[i])) return false;
     return true;
+}
+
+// The boxes a file holds at its top level (ISO/IEC 14496-12 and QuickTime).
+bool KnownTopLevel(const std::string& type) {
+    static const char* const known[] = {"ftyp", "styp", "moov", "mdat", "moof", "mfra", "free", "skip",
+                                        "wide", "uuid", "meta", "sidx", "ssix", "emsg", "prft", "pdin",
+                                        "pnot", "junk", "PICT"};
+    for (const char* k : known)
+        if (type == k) return true;
+    return false;
 }
 
 }  // namespace
@@ -50,9 +61,13 @@ std::vector<Box> TopLevelBoxes(FileReader& file) {
         uint8_t head[16] = {0};
         int64_t got = file.ReadAt(at, head, sizeof head);
         Box box;
-        if (got < 8 || !ReadBoxHeader(head, size_t(got), at, fileSize, box)) {
-            // What follows is no box: the rest is one unknown stretch.
-            if (!boxes.empty()) boxes.back().truncated = boxes.back().truncated || at < fileSize;
+        // Media data behind an mdat whose size was written too small can spell a
+        // printable type; an unknown one that runs past the end is no box.
+        bool isBox = got >= 8 && ReadBoxHeader(head, size_t(got), at, fileSize, box);
+        if (!isBox || (box.truncated && !KnownTopLevel(box.type))) {
+            // What follows an mdat and is no box is more of its media data, under
+            // a size the writer never brought up to date.
+            if (!boxes.empty() && boxes.back().type == "mdat") boxes.back().truncated = true;
             break;
         }
         boxes.push_back(box);
@@ -62,28 +77,35 @@ std::vector<Box> TopLevelBoxes(FileReader& file) {
     return boxes;
 }
 
-std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t fileSize) {
+std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t dataEnd) {
     std::vector<MediaRange> ranges;
+    int64_t wholeEnd = 0;
     for (const Box& box : boxes) {
+        if (!box.truncated) wholeEnd = box.End();
         if (box.type != "mdat") continue;
-        int64_t end = box.truncated ? fileSize : std::min(box.End(), fileSize);
+        int64_t end = box.truncated ? dataEnd : std::min(box.End(), dataEnd);
         if (end > box.PayloadBegin()) ranges.push_back({box.PayloadBegin(), end});
     }
+    if (ranges.empty() && dataEnd > wholeEnd) ranges.push_back({wholeEnd, dataEnd});
     return ranges;
 }
 
-bool IndexIntact(const std::vector<Box>& boxes) {
-    bool moov = false;
-    for (const Box& box : boxes) {
-        if (box.truncated) return false;
-        moov = moov || box.type == "moov";
+int64_t TrailingIndexAt(FileReader& file) {
+    constexpr int64_t kLookBack = 32 << 20;  // larger indexes are rare; the walk then just steps over it
+    const int64_t size = file.Size(), from = std::max<int64_t>(0, size - kLookBack);
+    std::string tail(size_t(size - from), '\0');
+    if (file.ReadAt(from, tail.data(), tail.size()) != int64_t(tail.size())) return size;
+    for (size_t at = tail.size() >= 8 ? tail.size() - 8 : 0; at + 8 <= tail.size() && at >= 4; --at) {
+        if (tail.compare(at, 4, "moov") != 0) continue;
+        const auto* p = reinterpret_cast<const uint8_t*>(tail.data()) + at - 4;
+        if (from + int64_t(at) - 4 + int64_t(Be32(p)) == size) return from + int64_t(at) - 4;
     }
-    return moov;
+    return size;
 }
 
-bool Fragmented(const std::vector<Box>& boxes) {
+bool IndexIntact(const std::vector<Box>& boxes) {
     for (const Box& box : boxes)
-        if (box.type == "moof") return true;
+        if (box.type == "moov" && !box.truncated) return true;
     return false;
 }
 

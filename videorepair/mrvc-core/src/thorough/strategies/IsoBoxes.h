@@ -31,18 +31,21 @@ bool ReadBoxHeader(const uint8_t* data, size_t available, int64_t offset, int64_
 std::vector<Box> TopLevelBoxes(FileReader& file);
 
 // The media data that the damaged file holds: each mdat's payload, the end
-// clipped to the file.
+// clipped to dataEnd (the file's end, or where a trailing index starts). Where
+// the damage took every mdat header, all that follows the last whole box.
 struct MediaRange {
     int64_t begin = 0;
     int64_t end = 0;
 };
-std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t fileSize);
+std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t dataEnd);
 
-// True when the list has a moov and every box is whole.
+// Where a moov box that ends exactly at the end of the file starts (an index
+// written last, behind a head the damage broke); the file size when none.
+int64_t TrailingIndexAt(FileReader& file);
+
+// True when the list has a whole moov (the media data may still be cut: the
+// demuxer then reads every sample the file still holds).
 bool IndexIntact(const std::vector<Box>& boxes);
-
-// True when the file is fragmented (a moof follows the moov).
-bool Fragmented(const std::vector<Box>& boxes);
 
 }  // namespace iso
 }  // namespace thorough

@@ -62,9 +62,9 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     auto file = std::make_unique<FileReader>();
     if (!file->Open(damagedPath)) return nullptr;
     const std::vector<iso::Box> boxes = iso::TopLevelBoxes(*file);
-    // A whole index read by the file's own demuxer knows every sample exactly.
+    // A whole index (or a fragmented file's) read by the file's own demuxer knows
+    // every sample exactly, and the samples the file still holds were read.
     if (iso::IndexIntact(boxes) && context.ownDemuxerReadsFile && context.asIs.videoFrames > 0) return nullptr;
-    if (iso::Fragmented(boxes) && context.ownDemuxerReadsFile) return nullptr;
     const int videoIndex = FirstOfType(sample, AVMEDIA_TYPE_VIDEO);
     if (videoIndex < 0) {
         remark_ = "the index is lost and no sample with video was given to carve the media data by";
@@ -88,7 +88,8 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     std::vector<CarvedSample> samples;
     MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
     int64_t mediaBytes = 0;
-    for (const iso::MediaRange& range : iso::MediaData(boxes, file->Size())) {
+    const int64_t dataEnd = iso::IndexIntact(boxes) ? file->Size() : iso::TrailingIndexAt(*file);
+    for (const iso::MediaRange& range : iso::MediaData(boxes, dataEnd)) {
         walker.Walk(range.begin, range.end, samples);
         mediaBytes += range.end - range.begin;
     }
