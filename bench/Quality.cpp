@@ -212,15 +212,18 @@ std::vector<Writer> Corpus() {
          Ffmpeg({"-c:v", "dvvideo", "-s", "720x576", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar", "48000", "-ac", "2"}), 1},
         {"wmv", "wmv", "ffmpeg", "wmv2+wmav2", "", Ffmpeg({"-c:v", "wmv2", "-b:v", "1M", "-c:a", "wmav2"}), 1},
         {"wmv", "wmv", "ffmpeg", "wmv1+wmav1", "", Ffmpeg({"-c:v", "wmv1", "-b:v", "1M", "-c:a", "wmav1"}), 1},
-        // As phones, action cameras and screen recorders write them: the index last.
-        {"mp4", "mp4", "ffmpeg", "h264+aac", "", Ffmpeg(with(x264, {"-c:a", "aac"})), 1},
+        // As phones, action cameras and screen recorders write them: the index last,
+        // 4:2:0 pictures (the sample's testsrc is RGB and would otherwise be 4:4:4).
+        {"mp4", "mp4", "ffmpeg", "h264+aac", "", Ffmpeg(with(x264, {"-pix_fmt", "yuv420p", "-c:a", "aac"})), 1},
         {"mp4", "mp4", "ffmpeg", "hevc+aac", "",
-         Ffmpeg({"-c:v", "libx265", "-preset", "veryfast", "-g", "25", "-x265-params", "log-level=none", "-c:a", "aac"}),
+         Ffmpeg({"-c:v", "libx265", "-preset", "veryfast", "-g", "25", "-pix_fmt", "yuv420p", "-x265-params",
+                 "log-level=none", "-c:a", "aac"}),
          1},
-        {"mp4", "mov", "ffmpeg", "h264+pcm", "", Ffmpeg(with(x264, {"-c:a", "pcm_s16le"})), 1},
-        {"mp4", "mov", "ffmpeg", "mjpeg+pcm", "", Ffmpeg({"-c:v", "mjpeg", "-q:v", "3", "-c:a", "pcm_s16le"}), 1},
+        {"mp4", "mov", "ffmpeg", "h264+pcm", "", Ffmpeg(with(x264, {"-pix_fmt", "yuv420p", "-c:a", "pcm_s16le"})), 1},
+        {"mp4", "mov", "ffmpeg", "mjpeg+pcm", "",
+         Ffmpeg({"-c:v", "mjpeg", "-q:v", "3", "-pix_fmt", "yuvj420p", "-c:a", "pcm_s16le"}), 1},
         {"mp4", "mp4", "ffmpeg fragmented", "h264+aac", "",
-         Ffmpeg(with(x264, {"-c:a", "aac", "-movflags", "frag_keyframe+empty_moov"})), 1},
+         Ffmpeg(with(x264, {"-pix_fmt", "yuv420p", "-c:a", "aac", "-movflags", "frag_keyframe+empty_moov"})), 1},
     };
 }
 
