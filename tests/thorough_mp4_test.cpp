@@ -81,8 +81,10 @@ TEST(Mp4AccessUnitTest, TellsWhereEachVideoSampleEnds) {
 }
 
 // The writer's chunks alternate the tracks unevenly: one, two or three video
-// samples, then runs of PCM of different lengths; a sample whose length lies and
-// a stretch of damage are stepped over, and the walk goes on behind them.
+// samples, then runs of PCM of different lengths; a sample whose length lies, a
+// stretch of damage, and a phantom (damage that reads as a sample far larger
+// than the sample's, followed by no sample) are stepped over, and the walk goes
+// on behind them.
 TEST(Mp4WalkerTest, UnevenChunksAndALyingLengthAreWalkedSampleBySample) {
     Bytes lying = Slice(30);
     lying[3] = char(30 + 4 + 8);
@@ -94,7 +96,8 @@ TEST(Mp4WalkerTest, UnevenChunksAndALyingLengthAreWalkedSampleBySample) {
         {Idr(120), 'v'}, {AudioLike(16, '\x11'), 'a'}, {Slice(50), 'v'},     {Slice(60), 'v'},
         {AudioLike(4, '\x12'), 'a'}, {Slice(70), 'v'}, {lying, '-'},        {Slice(40), 'v'},
         {Slice(45), 'v'},           {Slice(47), 'v'}, {AudioLike(40, '\x13'), 'a'}, {Slice(33), 'v'},
-        {AudioLike(7, '\x7F'), '-'},   {Idr(90), 'v'},
+        {AudioLike(7, '\x7F'), '-'},   {Idr(90), 'v'},         {Slice(800), '-'},
+        {AudioLike(7, '\x7F'), '-'},   {Slice(30), 'v'},
     };
     Bytes mdat;
     for (const Piece& p : pieces) mdat += p.bytes;
@@ -110,7 +113,7 @@ TEST(Mp4WalkerTest, UnevenChunksAndALyingLengthAreWalkedSampleBySample) {
     av_channel_layout_default(&pcm->ch_layout, 2);
     pcm->sample_rate = 48000;
     thorough::AudioFrameSplitter audio(pcm);
-    AccessUnitReader video(H264());
+    AccessUnitReader video(VideoShape{AV_CODEC_ID_H264, 4, 300, 1});
     thorough::MediaDataWalker walker(file, video, &audio);
     std::vector<CarvedSample> found;
     walker.Walk(0, int64_t(mdat.size()), found);

@@ -9,7 +9,7 @@ namespace {
 // Room over the sample's largest video sample: the damaged recording's scenes
 // may be busier than the sample's.
 constexpr size_t kLargestSampleFactor = 8;
-constexpr size_t kLeastBelievedBytes = 1 << 20;
+constexpr size_t kLeastBelievedBytes = 64 << 10;
 constexpr size_t kMostBelievedBytes = 64 << 20;
 constexpr int kMostNalUnits = 600;
 

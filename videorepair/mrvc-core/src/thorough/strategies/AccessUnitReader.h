@@ -38,6 +38,9 @@ public:
 
     // The largest sample believed: damage that declares more is a lie.
     size_t MostBytes() const { return most_; }
+    // True for a sample far larger than the sample's largest: believed only where
+    // what follows it confirms it.
+    bool Oversized(size_t size) const { return shape_.largestSample > 0 && size > 2 * shape_.largestSample; }
 
 private:
     size_t MeasureNalSample(const uint8_t* data, size_t available, bool& key) const;

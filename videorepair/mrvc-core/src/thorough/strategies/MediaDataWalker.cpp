@@ -58,7 +58,7 @@ void MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>
             continue;
         }
         const int64_t next = NextVideo(at + 1, end);
-        TakeAudio(at, next, out);
+        if (!TakeAudio(at, next, out)) DoubtLastVideo(out);
         at = next;
     }
 }
@@ -66,8 +66,9 @@ void MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>
 // A stretch far longer than the writer's chunks holds what is not its audio (a
 // picture whose head the damage took, a metadata track): PCM would take any
 // bytes, so only what follows a broken picture's end, where one shows, is tried.
-void MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
     int64_t taken = 0;
+    bool headTaken = false;
     if (audio_ != nullptr) {
         const int64_t length = std::min(end - begin, kLongestAudioRun);
         std::string run(size_t(length), '\0');
@@ -78,6 +79,7 @@ void MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
             for (const AudioFrame& f : audio_->Split(bytes + from, run.size() - from)) {
                 out.push_back({begin + int64_t(from + f.offset), uint32_t(f.size), false, true, f.samples});
                 taken += int64_t(f.size);
+                headTaken = headTaken || from + f.offset == 0;
             }
         }
     }
@@ -85,6 +87,17 @@ void MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
         skipped_ += end - begin - taken;
         ++unreadableRuns_;
     }
+    return headTaken;
+}
+
+// Random bytes now and then read as a length prefix and a NAL header whose
+// length runs on over more random bytes. A real sample is followed by another
+// sample; one far larger than any of the sample's, followed by what is no
+// sample, is such a phantom.
+void MediaDataWalker::DoubtLastVideo(std::vector<CarvedSample>& out) {
+    if (out.empty() || !out.back().video || !video_.Oversized(out.back().size)) return;
+    skipped_ += out.back().size;
+    out.pop_back();
 }
 
 }  // namespace thorough

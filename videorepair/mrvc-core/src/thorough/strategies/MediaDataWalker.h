@@ -46,7 +46,9 @@ private:
     size_t AvailableAt(int64_t at) const { return size_t(bufferStart_ + int64_t(buffer_.size()) - at); }
     size_t VideoAt(int64_t at, int64_t end, bool& key);
     int64_t NextVideo(int64_t from, int64_t end);
-    void TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
+    // True when the stretch's first bytes were taken as audio.
+    bool TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
+    void DoubtLastVideo(std::vector<CarvedSample>& out);
 
     FileReader& file_;
     const AccessUnitReader& video_;
