@@ -64,7 +64,7 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     const std::vector<iso::Box> boxes = iso::TopLevelBoxes(*file);
     // A whole index (or a fragmented file's) read by the file's own demuxer knows
     // every sample exactly, and the samples the file still holds were read.
-    if (iso::IndexIntact(boxes) && context.ownDemuxerReadsFile && context.asIs.videoFrames > 0) return nullptr;
+    if (iso::IndexIntact(boxes) && context.ownDemuxerReadsFile) return nullptr;
     const int videoIndex = FirstOfType(sample, AVMEDIA_TYPE_VIDEO);
     if (videoIndex < 0) {
         remark_ = "the index is lost and no sample with video was given to carve the media data by";
