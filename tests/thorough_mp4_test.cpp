@@ -3,6 +3,7 @@
 // and the walker on hand-made bytes; and the compatible road still refusing.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <sstream>
 
@@ -12,6 +13,7 @@
 #include "thorough/strategies/IsoBoxes.h"
 #include "thorough/strategies/MediaDataWalker.h"
 #include "thorough/strategies/PictureOrder.h"
+#include "thorough/strategies/SampleTimeline.h"
 
 using namespace repair_harness;
 using thorough::AccessUnitReader;
@@ -146,6 +148,77 @@ TEST(Mp4PictureOrderTest, PresentationFollowsOrderCounts) {
         {"unknown keeps decoding order", {0, U, 4, 2}, {true, false, false, false}, {0, 1, 3, 2}},
     };
     for (const Case& c : cases) EXPECT_EQ(thorough::PresentationOrder(c.counts, c.keys), c.expected) << c.name;
+}
+
+// Damage takes spans of both tracks, seldom the same: 4 s at 25 fps with
+// 1024-sample AAC frames interleaved by time, as a fine-grained writer does.
+// Across the gaps the tracks are given back their lost spans and stay within
+// a video and an audio frame of each other; without it, they drift apart.
+TEST(Mp4TimelineTest, TracksStayInStepAcrossDamage) {
+    struct Truth {
+        CarvedSample sample;
+        int number;  // of its track
+        double seconds;
+    };
+    std::vector<Truth> recorded;
+    for (int v = 0, a = 0; v < 100 || a < 187;) {
+        const double videoAt = v * 0.04, audioAt = a * 1024.0 / 48000;
+        if (a < 187 && (v >= 100 || audioAt <= videoAt)) {
+            recorded.push_back({CarvedSample{0, 100, false, true, 1024}, a, audioAt}), ++a;
+        } else {
+            recorded.push_back({CarvedSample{0, 100, true, v % 25 == 0, 0}, v, videoAt}), ++v;
+        }
+    }
+    struct Case {
+        const char* name;
+        std::pair<int, int> video, audio;  // frames lost, [first, end) of each track
+        bool keepInStep;
+        double worst;  // most seconds the tracks may be apart behind the gap (least, for drift)
+    };
+    const double step = 0.04 + 1024.0 / 48000;
+    const Case cases[] = {
+        {"three pictures lost", {40, 43}, {0, 0}, true, step},
+        {"six audio frames lost", {0, 0}, {90, 96}, true, step},
+        {"a stretch of both lost", {30, 50}, {56, 90}, true, step},
+        {"ten pictures and two audio frames lost", {60, 70}, {114, 116}, true, step},
+        {"three pictures lost, tracks left to drift", {40, 43}, {0, 0}, false, 0.12},
+    };
+    for (const Case& c : cases) {
+        std::vector<CarvedSample> samples;
+        std::vector<double> truth;
+        bool gap = false;
+        for (const Truth& t : recorded) {
+            const auto& lost = t.sample.video ? c.video : c.audio;
+            if (t.number >= lost.first && t.number < lost.second) {
+                gap = true;
+                continue;
+            }
+            samples.push_back(t.sample);
+            samples.back().afterGap = gap;
+            gap = false;
+            truth.push_back(t.seconds);
+        }
+        std::vector<int64_t> presentation;
+        for (const CarvedSample& s : samples)
+            if (s.video) presentation.push_back(int64_t(presentation.size()));
+        thorough::TimelineSettings settings;
+        settings.videoBase = {1, 25};
+        settings.keepInStep = c.keepInStep;
+        const auto times = thorough::TimeSamples(samples, presentation, settings);
+        // Behind the gap, how far apart the tracks' shifts from where they were recorded are.
+        double least = 1e9, most = -1e9;
+        bool behind = false;
+        for (size_t i = 0; i < samples.size(); ++i) {
+            behind = behind || samples[i].afterGap;
+            if (!behind) continue;
+            const double at = samples[i].video ? double(times[i].dts) / 25 : double(times[i].pts) / 48000;
+            least = std::min(least, at - truth[i]);
+            most = std::max(most, at - truth[i]);
+        }
+        const double worst = most - least;
+        if (c.keepInStep) EXPECT_LE(worst, c.worst + 1e-9) << c.name;
+        else EXPECT_GE(worst, c.worst - 1e-9) << c.name << ": drift expected";
+    }
 }
 
 Bytes Box(const char* type, uint32_t size, size_t payload) {

@@ -10,6 +10,7 @@
 #include "io/FileReader.h"
 #include "thorough/PacketSource.h"
 #include "thorough/strategies/MediaDataWalker.h"
+#include "thorough/strategies/SampleTimeline.h"
 
 namespace thorough {
 
@@ -23,8 +24,11 @@ class CarvedPackets : public PacketSource {
 public:
     // video first, audio (may have no parameters) second; presentation holds each
     // video sample's place in presentation order, in the order of samples.
+    // keepInStep: the writer interleaves finely enough to keep the tracks in step
+    // across damage (see SampleTimeline).
     CarvedPackets(std::unique_ptr<FileReader> file, CarvedTrack video, CarvedTrack audio,
-                  std::vector<CarvedSample> samples, const std::vector<int64_t>& presentation, int64_t skipped);
+                  std::vector<CarvedSample> samples, const std::vector<int64_t>& presentation, int64_t skipped,
+                  bool keepInStep);
 
     unsigned StreamCount() const override { return tracks_[1].parameters ? 2 : 1; }
     const AVCodecParameters* Parameters(unsigned stream) const override { return tracks_[stream].parameters.get(); }
@@ -35,15 +39,11 @@ public:
     int64_t Skipped() const override { return skipped_; }
 
 private:
-    struct Timed {
-        int64_t pts = 0, dts = 0, duration = 0;
-    };
-    void Time(const std::vector<int64_t>& presentation);
 
     std::unique_ptr<FileReader> file_;
     CarvedTrack tracks_[2];
     std::vector<CarvedSample> samples_;
-    std::vector<Timed> times_;
+    std::vector<SampleTime> times_;
     size_t next_ = 0;
     int64_t consumed_ = 0;
     int64_t skipped_ = 0;

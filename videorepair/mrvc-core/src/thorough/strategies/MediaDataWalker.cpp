@@ -53,7 +53,7 @@ void MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>
     for (int64_t at = begin; at < end;) {
         bool key = false;
         if (size_t length = VideoAt(at, end, key); length > 0) {
-            out.push_back({at, uint32_t(length), true, key, 0});
+            Add(out, {at, uint32_t(length), true, key, 0});
             at += int64_t(length);
             continue;
         }
@@ -77,14 +77,14 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
             size_t from = length > longestRun_ ? video_.EndOfBrokenPicture(bytes, run.size()) : 0;
             if (end - begin - int64_t(from) > longestRun_) from = run.size();
             for (const AudioFrame& f : audio_->Split(bytes + from, run.size() - from)) {
-                out.push_back({begin + int64_t(from + f.offset), uint32_t(f.size), false, true, f.samples});
+                Add(out, {begin + int64_t(from + f.offset), uint32_t(f.size), false, true, f.samples});
                 taken += int64_t(f.size);
                 headTaken = headTaken || from + f.offset == 0;
             }
         }
     }
     if (taken < end - begin) {
-        skipped_ += end - begin - taken;
+        Skip(end - begin - taken);
         ++unreadableRuns_;
     }
     return headTaken;
@@ -96,8 +96,19 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
 // sample, is such a phantom.
 void MediaDataWalker::DoubtLastVideo(std::vector<CarvedSample>& out) {
     if (out.empty() || !out.back().video || !video_.Oversized(out.back().size)) return;
-    skipped_ += out.back().size;
+    Skip(out.back().size);
     out.pop_back();
+}
+
+void MediaDataWalker::Add(std::vector<CarvedSample>& out, CarvedSample sample) {
+    sample.afterGap = gap_;
+    gap_ = false;
+    out.push_back(sample);
+}
+
+void MediaDataWalker::Skip(int64_t bytes) {
+    skipped_ += bytes;
+    gap_ = gap_ || bytes > 0;
 }
 
 }  // namespace thorough

@@ -21,6 +21,7 @@ struct CarvedSample {
     bool video = true;
     bool key = false;
     int64_t samples = 0;  // audio: duration in samples
+    bool afterGap = false;  // damage was stepped over just before it
 };
 
 class MediaDataWalker {
@@ -49,6 +50,8 @@ private:
     // True when the stretch's first bytes were taken as audio.
     bool TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
     void DoubtLastVideo(std::vector<CarvedSample>& out);
+    void Add(std::vector<CarvedSample>& out, CarvedSample sample);
+    void Skip(int64_t bytes);
 
     FileReader& file_;
     const AccessUnitReader& video_;
@@ -58,6 +61,7 @@ private:
     int64_t bufferStart_ = 0;
     int64_t skipped_ = 0;
     int64_t unreadableRuns_ = 0;
+    bool gap_ = false;  // bytes were stepped over since the last sample
 };
 
 }  // namespace thorough

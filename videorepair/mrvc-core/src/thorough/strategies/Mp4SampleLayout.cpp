@@ -36,16 +36,22 @@ int PicturesIn(const VideoShape& shape, const uint8_t* data, size_t size) {
 // stretch, as the writer's chunk put them.
 class AudioRuns {
 public:
-    void Add(const AVPacket* packet) {
+    void Add(const AVPacket* packet, AVRational timeBase) {
         if (packet->pos < 0) return;
-        run_ = packet->pos == end_ ? run_ + packet->size : packet->size;
+        const bool continues = packet->pos == end_;
+        const double seconds = double(packet->duration) * av_q2d(timeBase);
+        run_ = continues ? run_ + packet->size : packet->size;
+        runSeconds_ = continues ? runSeconds_ + seconds : seconds;
         end_ = packet->pos + packet->size;
         largest_ = std::max(largest_, run_);
+        longestSeconds_ = std::max(longestSeconds_, runSeconds_);
     }
     int64_t Largest() const { return largest_; }
+    double LongestSeconds() const { return longestSeconds_; }
 
 private:
     int64_t end_ = -1, run_ = 0, largest_ = 0;
+    double runSeconds_ = 0, longestSeconds_ = 0;
 };
 
 }  // namespace
@@ -68,11 +74,12 @@ SampleLayout LearnSampleLayout(const std::wstring& samplePath, int videoIndex, i
             if (shape.lengthSize > 0)
                 shape.mostSlices = std::max(shape.mostSlices, PicturesIn(shape, packet->data, size_t(packet->size)));
         } else if (packet->stream_index == audioIndex) {
-            runs.Add(packet.get());
+            runs.Add(packet.get(), sample.TimeBase(unsigned(audioIndex)));
         }
         av_packet_unref(packet.get());
     }
     layout.largestAudioRun = runs.Largest();
+    layout.longestAudioRunSeconds = runs.LongestSeconds();
     return layout;
 }
 

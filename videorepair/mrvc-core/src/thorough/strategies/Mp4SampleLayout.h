@@ -14,6 +14,7 @@ namespace thorough {
 struct SampleLayout {
     VideoShape video;            // codec NONE when the video cannot be read
     int64_t largestAudioRun = 0;  // bytes of the longest audio stretch between other samples
+    double longestAudioRunSeconds = 0;
 };
 
 SampleLayout LearnSampleLayout(const std::wstring& samplePath, int videoIndex, int audioIndex);

@@ -13,6 +13,10 @@
 namespace thorough {
 namespace {
 
+// Audio chunks no longer than this interleave finely enough to tell how far
+// damage set the tracks apart.
+constexpr double kFineInterleaveSeconds = 0.25;
+
 const char kLogSource[] = "videorepair/mrvc-core/src/thorough/strategies/Mp4Strategy";
 
 int FirstOfType(const SampleModel& sample, AVMediaType type) {
@@ -112,8 +116,9 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
         return nullptr;
     }
     std::vector<int64_t> presentation = PresentationOf(samples, videoTrack.parameters.get(), *file);
+    const bool fine = layout.longestAudioRunSeconds > 0 && layout.longestAudioRunSeconds <= kFineInterleaveSeconds;
     return std::make_unique<CarvedPackets>(std::move(file), std::move(videoTrack), std::move(audioTrack),
-                                           std::move(samples), presentation, walker.Skipped());
+                                           std::move(samples), presentation, walker.Skipped(), fine);
 }
 
 }  // namespace thorough
