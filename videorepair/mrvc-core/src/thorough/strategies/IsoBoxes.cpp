@@ -54,6 +54,41 @@ bool ReadBoxHeader(const uint8_t* data, size_t available, int64_t offset, int64_
     return true;
 }
 
+namespace {
+
+// A box that opens the file's structure again after damage: media data, or an
+// index or fragment whose first child is a box too.
+bool Resumes(FileReader& file, int64_t at, const uint8_t* head, size_t available, Box& box) {
+    if (!ReadBoxHeader(head, available, at, file.Size(), box)) return false;
+    if (box.type == "mdat") return true;
+    if (box.type != "moov" && box.type != "moof") return false;
+    uint8_t child[16] = {0};
+    Box inner;
+    const int64_t got = file.ReadAt(box.PayloadBegin(), child, sizeof child);
+    return got >= 8 && ReadBoxHeader(child, size_t(got), box.PayloadBegin(), box.End(), inner) && !inner.truncated;
+}
+
+// The next box behind damage at from; -1 when the file holds none.
+int64_t NextBox(FileReader& file, int64_t from) {
+    constexpr size_t kWindow = 1 << 20;
+    std::string window;
+    for (int64_t start = from; start + 8 <= file.Size(); start += int64_t(kWindow)) {
+        window.resize(kWindow + 16);
+        const int64_t got = file.ReadAt(start, window.data(), window.size());
+        if (got < 8) return -1;
+        const auto* bytes = reinterpret_cast<const uint8_t*>(window.data());
+        for (size_t i = 4; i + 4 <= size_t(got) && i - 4 < kWindow; ++i) {
+            if (bytes[i] != 'm' || (bytes[i + 1] != 'd' && bytes[i + 1] != 'o')) continue;
+            Box box;
+            const int64_t at = start + int64_t(i) - 4;
+            if (Resumes(file, at, bytes + i - 4, size_t(got) - (i - 4), box)) return at;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
 std::vector<Box> TopLevelBoxes(FileReader& file) {
     std::vector<Box> boxes;
     const int64_t fileSize = file.Size();
@@ -64,43 +99,47 @@ std::vector<Box> TopLevelBoxes(FileReader& file) {
         // Media data behind an mdat whose size was written too small can spell a
         // printable type; an unknown one that runs past the end is no box.
         bool isBox = got >= 8 && ReadBoxHeader(head, size_t(got), at, fileSize, box);
-        if (!isBox || (box.truncated && !KnownTopLevel(box.type))) {
-            // What follows an mdat and is no box is more of its media data, under
-            // a size the writer never brought up to date.
-            if (!boxes.empty() && boxes.back().type == "mdat") boxes.back().truncated = true;
+        if (isBox && !(box.truncated && !KnownTopLevel(box.type))) {
+            boxes.push_back(box);
+            if (box.truncated) break;
+            at = box.End();
+            continue;
+        }
+        const int64_t next = NextBox(file, at + 1);
+        // What follows an mdat and is no box up to the end is more of its media
+        // data, under a size the writer never brought up to date.
+        if (next < 0 && !boxes.empty() && boxes.back().type == "mdat") {
+            boxes.back().truncated = true;
+            boxes.back().size = fileSize - boxes.back().offset;
             break;
         }
-        boxes.push_back(box);
-        if (box.truncated) break;
-        at = box.End();
+        // Else damage took the boxes' heads: the stretch up to where the structure
+        // resumes may still hold media data.
+        Box lost;
+        lost.type = kLostStretch;
+        lost.offset = at;
+        lost.header = 0;
+        lost.size = (next < 0 ? fileSize : next) - at;
+        boxes.push_back(lost);
+        if (next < 0) break;
+        at = next;
     }
     return boxes;
 }
 
-std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t dataEnd) {
+std::vector<MediaRange> MediaData(const std::vector<Box>& boxes) {
     std::vector<MediaRange> ranges;
-    int64_t wholeEnd = 0;
     for (const Box& box : boxes) {
-        if (!box.truncated) wholeEnd = box.End();
-        if (box.type != "mdat") continue;
-        int64_t end = box.truncated ? dataEnd : std::min(box.End(), dataEnd);
-        if (end > box.PayloadBegin()) ranges.push_back({box.PayloadBegin(), end});
+        if (box.type != "mdat" && box.type != kLostStretch) continue;
+        if (box.End() > box.PayloadBegin()) ranges.push_back({box.PayloadBegin(), box.End()});
     }
-    if (ranges.empty() && dataEnd > wholeEnd) ranges.push_back({wholeEnd, dataEnd});
     return ranges;
 }
 
-int64_t TrailingIndexAt(FileReader& file) {
-    constexpr int64_t kLookBack = 32 << 20;  // larger indexes are rare; the walk then just steps over it
-    const int64_t size = file.Size(), from = std::max<int64_t>(0, size - kLookBack);
-    std::string tail(size_t(size - from), '\0');
-    if (file.ReadAt(from, tail.data(), tail.size()) != int64_t(tail.size())) return size;
-    for (size_t at = tail.size() >= 8 ? tail.size() - 8 : 0; at + 8 <= tail.size() && at >= 4; --at) {
-        if (tail.compare(at, 4, "moov") != 0) continue;
-        const auto* p = reinterpret_cast<const uint8_t*>(tail.data()) + at - 4;
-        if (from + int64_t(at) - 4 + int64_t(Be32(p)) == size) return from + int64_t(at) - 4;
-    }
-    return size;
+bool HasLostStretch(const std::vector<Box>& boxes) {
+    for (const Box& box : boxes)
+        if (box.type == kLostStretch) return true;
+    return false;
 }
 
 bool IndexIntact(const std::vector<Box>& boxes) {

@@ -25,23 +25,25 @@ struct Box {
 // A box header at data[0..available); false when it is not a plausible one.
 bool ReadBoxHeader(const uint8_t* data, size_t available, int64_t offset, int64_t fileSize, Box& box);
 
-// The top-level boxes in file order. A box whose size lies (zero where it is
-// not last, or past the end) ends the list, marked truncated and running to the
-// end of the file.
+// The type given to a stretch whose box headers damage took.
+constexpr const char* kLostStretch = "????";
+
+// The top-level boxes in file order. Where a header is no box, the structure
+// is looked for again further on (an mdat, or a moov or moof whose first child
+// is a box), and the stretch between is listed as lost; with none further on,
+// an mdat just before runs to the end (its size was never brought up to date).
 std::vector<Box> TopLevelBoxes(FileReader& file);
 
-// The media data that the damaged file holds: each mdat's payload, the end
-// clipped to dataEnd (the file's end, or where a trailing index starts). Where
-// the damage took every mdat header, all that follows the last whole box.
+// The media data that the damaged file holds: each mdat's payload (to the end
+// of the file where its size runs past it) and each lost stretch.
 struct MediaRange {
     int64_t begin = 0;
     int64_t end = 0;
 };
-std::vector<MediaRange> MediaData(const std::vector<Box>& boxes, int64_t dataEnd);
+std::vector<MediaRange> MediaData(const std::vector<Box>& boxes);
 
-// Where a moov box that ends exactly at the end of the file starts (an index
-// written last, behind a head the damage broke); the file size when none.
-int64_t TrailingIndexAt(FileReader& file);
+// True when damage took box headers somewhere.
+bool HasLostStretch(const std::vector<Box>& boxes);
 
 // True when the list has a whole moov (the media data may still be cut: the
 // demuxer then reads every sample the file still holds).

@@ -67,8 +67,9 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     if (!file->Open(damagedPath)) return nullptr;
     const std::vector<iso::Box> boxes = iso::TopLevelBoxes(*file);
     // A whole index (or a fragmented file's) read by the file's own demuxer knows
-    // every sample exactly, and the samples the file still holds were read.
-    if (iso::IndexIntact(boxes) && context.ownDemuxerReadsFile) return nullptr;
+    // every sample exactly, and the samples the file still holds were read;
+    // unless damage took box headers, behind which the demuxer reads nothing.
+    if (iso::IndexIntact(boxes) && !iso::HasLostStretch(boxes) && context.ownDemuxerReadsFile) return nullptr;
     const int videoIndex = FirstOfType(sample, AVMEDIA_TYPE_VIDEO);
     if (videoIndex < 0) {
         remark_ = "the index is lost and no sample with video was given to carve the media data by";
@@ -92,8 +93,7 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     std::vector<CarvedSample> samples;
     MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
     int64_t mediaBytes = 0;
-    const int64_t dataEnd = iso::IndexIntact(boxes) ? file->Size() : iso::TrailingIndexAt(*file);
-    for (const iso::MediaRange& range : iso::MediaData(boxes, dataEnd)) {
+    for (const iso::MediaRange& range : iso::MediaData(boxes)) {
         walker.Walk(range.begin, range.end, samples);
         mediaBytes += range.end - range.begin;
     }
