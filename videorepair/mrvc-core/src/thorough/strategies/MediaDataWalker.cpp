@@ -83,10 +83,7 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
             }
         }
     }
-    if (taken < end - begin) {
-        Skip(end - begin - taken);
-        ++unreadableRuns_;
-    }
+    Skip(end - begin - taken);
     return headTaken;
 }
 

@@ -36,8 +36,6 @@ public:
     void Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
 
     int64_t Skipped() const { return skipped_; }
-    // Audio stretches that did not cut into whole frames.
-    int64_t UnreadableRuns() const { return unreadableRuns_; }
 
 private:
     bool Load(int64_t at, int64_t end);
@@ -60,7 +58,6 @@ private:
     std::string buffer_;
     int64_t bufferStart_ = 0;
     int64_t skipped_ = 0;
-    int64_t unreadableRuns_ = 0;
     bool gap_ = false;  // bytes were stepped over since the last sample
 };
 

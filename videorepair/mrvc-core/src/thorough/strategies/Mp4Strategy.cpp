@@ -1,5 +1,7 @@
 #include "thorough/strategies/Mp4Strategy.h"
 
+#include <algorithm>
+
 #include "RepairLog.h"
 #include "io/FileReader.h"
 #include "thorough/SampleModel.h"
@@ -71,54 +73,47 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     // unless damage took box headers, behind which the demuxer reads nothing.
     if (iso::IndexIntact(boxes) && !iso::HasLostStretch(boxes) && context.ownDemuxerReadsFile) return nullptr;
     const int videoIndex = FirstOfType(sample, AVMEDIA_TYPE_VIDEO);
-    if (videoIndex < 0) {
-        remark_ = "the index is lost and no sample with video was given to carve the media data by";
-        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
-        return nullptr;
-    }
+    if (videoIndex < 0) return Refuse("the index is lost and no sample with video was given to carve by", log);
     const int audioIndex = FirstOfType(sample, AVMEDIA_TYPE_AUDIO);
     const SampleLayout layout = LearnSampleLayout(sample.Path(), videoIndex, audioIndex);
     const AccessUnitReader video(layout.video);
-    const AVCodecID codec = sample.Streams()[size_t(videoIndex)].parameters->codec_id;
-    if (!video.Supported()) {
-        remark_ = std::string("the sample's video (") + CodecName(codec) + ") cannot be carved without an index";
-        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
-        return nullptr;
-    }
+    const std::string codec = CodecName(sample.Streams()[size_t(videoIndex)].parameters->codec_id);
+    if (!video.Supported()) return Refuse("the sample's video (" + codec + ") cannot be carved without an index", log);
     CarvedTrack audioTrack = TrackOf(sample, audioIndex);
     std::unique_ptr<AudioFrameSplitter> audio;
     if (audioTrack.parameters) audio = std::make_unique<AudioFrameSplitter>(audioTrack.parameters.get());
     if (audio && !audio->Supported()) audio.reset(), audioTrack = CarvedTrack();
 
-    std::vector<CarvedSample> samples;
     MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
-    int64_t mediaBytes = 0;
-    for (const iso::MediaRange& range : iso::MediaData(boxes)) {
-        walker.Walk(range.begin, range.end, samples);
-        mediaBytes += range.end - range.begin;
-    }
-    int64_t videoSamples = 0;
-    for (const CarvedSample& s : samples) videoSamples += s.video;
-    VR_LOG(log, kLogInfo, "[Mp4] carved samples:", std::to_string(samples.size()));
-    VR_LOG(log, kLogInfo, "[Mp4] bytes of media data stepped over:", std::to_string(walker.Skipped()));
-    if (videoSamples == 0) {
-        remark_ = mediaBytes > 0 ? std::string("the sample does not fit the damaged file: no ") + CodecName(codec) +
-                                       " sample like the sample's was found in its media data"
-                                 : "no media data was found in the damaged file";
-        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
-        return nullptr;
-    }
+    std::vector<CarvedSample> samples = Walk(walker, boxes, log);
+    const bool anyVideo = std::any_of(samples.begin(), samples.end(), [](const CarvedSample& s) { return s.video; });
+    if (!anyVideo && iso::MediaData(boxes).empty()) return Refuse("no media data was found in the damaged file", log);
+    if (!anyVideo)
+        return Refuse("the sample does not fit the damaged file: no " + codec + " sample like the sample's was found "
+                      "in its media data", log);
     CarvedTrack videoTrack = TrackOf(sample, videoIndex);
-    if (!KeyPicturesDecode(videoTrack.parameters.get(), samples, *file)) {
-        remark_ = std::string("the sample does not fit the damaged file: its ") + CodecName(codec) +
-                  " configuration (profile, picture size or format) does not decode the damaged file's pictures";
-        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
-        return nullptr;
-    }
+    if (!KeyPicturesDecode(videoTrack.parameters.get(), samples, *file))
+        return Refuse("the sample does not fit the damaged file: its " + codec + " configuration (profile, picture "
+                      "size or format) does not decode the damaged file's pictures", log);
     std::vector<int64_t> presentation = PresentationOf(samples, videoTrack.parameters.get(), *file);
     const bool fine = layout.longestAudioRunSeconds > 0 && layout.longestAudioRunSeconds <= kFineInterleaveSeconds;
     return std::make_unique<CarvedPackets>(std::move(file), std::move(videoTrack), std::move(audioTrack),
                                            std::move(samples), presentation, walker.Skipped(), fine);
+}
+
+std::vector<CarvedSample> Mp4Strategy::Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes,
+                                            RepairLog* log) const {
+    std::vector<CarvedSample> samples;
+    for (const iso::MediaRange& range : iso::MediaData(boxes)) walker.Walk(range.begin, range.end, samples);
+    VR_LOG(log, kLogInfo, "[Mp4] carved samples:", std::to_string(samples.size()));
+    VR_LOG(log, kLogInfo, "[Mp4] bytes of media data stepped over:", std::to_string(walker.Skipped()));
+    return samples;
+}
+
+std::unique_ptr<PacketSource> Mp4Strategy::Refuse(const std::string& why, RepairLog* log) {
+    remark_ = why;
+    VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
+    return nullptr;
 }
 
 }  // namespace thorough

@@ -5,8 +5,11 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "thorough/strategies/ContainerStrategy.h"
+#include "thorough/strategies/IsoBoxes.h"
+#include "thorough/strategies/MediaDataWalker.h"
 
 namespace thorough {
 
@@ -21,6 +24,10 @@ public:
     std::string Remark() const override { return remark_; }
 
 private:
+    std::vector<CarvedSample> Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes, RepairLog* log) const;
+    // Says why nothing was carved, in the log and to the host.
+    std::unique_ptr<PacketSource> Refuse(const std::string& why, RepairLog* log);
+
     std::string name_;
     std::string remark_;
 };
