@@ -181,10 +181,12 @@ bool ThoroughRepair::CarvingMayHelp(const Candidate& asIs) const {
 }
 
 Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate& asIs) {
-    CarveContext context{asIsReadsOwnFormat_, asIs.count};
+    // A carver that walks the file first has the first half of the pass's bar.
+    const int middle = (plan_.carver.from + plan_.carver.to) / 2;
+    CarveContext context{asIsReadsOwnFormat_, asIs.count, &control_, {plan_.carver.from, middle}};
     std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
     if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
-    Candidate candidate = Write(sample, *carved, size_, plan_.carver);
+    Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to});
     if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
     return candidate;
 }

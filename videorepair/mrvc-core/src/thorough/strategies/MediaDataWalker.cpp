@@ -14,6 +14,8 @@ constexpr int64_t kReadAhead = 4 << 20;
 constexpr int64_t kLongestAudioRun = 2 << 20;
 // Room over the sample's longest stretch: chunks vary with the content.
 constexpr int64_t kAudioRunSlack = 2;
+// Stop requests and progress are looked at after this many bytes walked.
+constexpr int64_t kBytesBetweenChecks = 8 << 20;
 
 }  // namespace
 
@@ -49,8 +51,23 @@ int64_t MediaDataWalker::NextVideo(int64_t from, int64_t end) {
     return end;
 }
 
-void MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+void MediaDataWalker::Watch(RepairControl* control, ProgressRange progress, int64_t total) {
+    control_ = control;
+    progress_ = progress;
+    total_ = total;
+}
+
+bool MediaDataWalker::Stopped(int64_t walkedInRange) {
+    const int64_t walked = walked_ + walkedInRange;
+    if (control_ == nullptr || walked - lastCheck_ < kBytesBetweenChecks) return false;
+    lastCheck_ = walked;
+    if (total_ > 0) control_->Progress(progress_.At(double(walked) / double(total_)));
+    return control_->ShouldStop();
+}
+
+bool MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
     for (int64_t at = begin; at < end;) {
+        if (Stopped(at - begin)) return false;
         bool key = false;
         if (size_t length = VideoAt(at, end, key); length > 0) {
             Add(out, {at, uint32_t(length), true, key, 0});
@@ -61,6 +78,8 @@ void MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>
         if (!TakeAudio(at, next, out)) DoubtLastVideo(out);
         at = next;
     }
+    walked_ += end - begin;
+    return true;
 }
 
 // A stretch far longer than the writer's chunks holds what is not its audio (a

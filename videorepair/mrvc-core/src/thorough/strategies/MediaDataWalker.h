@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "thorough/RepairControl.h"
 #include "thorough/strategies/AccessUnitReader.h"
 #include "thorough/strategies/AudioFrameSplitter.h"
 
@@ -32,8 +33,13 @@ public:
     MediaDataWalker(FileReader& file, const AccessUnitReader& video, AudioFrameSplitter* audio,
                     int64_t largestAudioRun = 0);
 
-    // Appends the samples found in [begin, end) of the file.
-    void Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
+    // Progress over total bytes of media data goes to control (may be null),
+    // which also says when to stop walking.
+    void Watch(RepairControl* control, ProgressRange progress, int64_t total);
+
+    // Appends the samples found in [begin, end) of the file; false once the host
+    // asked to stop (what was found so far is kept).
+    bool Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
 
     int64_t Skipped() const { return skipped_; }
 
@@ -50,6 +56,7 @@ private:
     void DoubtLastVideo(std::vector<CarvedSample>& out);
     void Add(std::vector<CarvedSample>& out, CarvedSample sample);
     void Skip(int64_t bytes);
+    bool Stopped(int64_t walkedInRange);
 
     FileReader& file_;
     const AccessUnitReader& video_;
@@ -59,6 +66,9 @@ private:
     int64_t bufferStart_ = 0;
     int64_t skipped_ = 0;
     bool gap_ = false;  // bytes were stepped over since the last sample
+    RepairControl* control_ = nullptr;
+    ProgressRange progress_;
+    int64_t total_ = 0, walked_ = 0, lastCheck_ = 0;
 };
 
 }  // namespace thorough

@@ -85,7 +85,7 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     if (audio && !audio->Supported()) audio.reset(), audioTrack = CarvedTrack();
 
     MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
-    std::vector<CarvedSample> samples = Walk(walker, boxes, log);
+    std::vector<CarvedSample> samples = Walk(walker, boxes, context, log);
     const bool anyVideo = std::any_of(samples.begin(), samples.end(), [](const CarvedSample& s) { return s.video; });
     if (!anyVideo && iso::MediaData(boxes).empty()) return Refuse("no media data was found in the damaged file", log);
     if (!anyVideo)
@@ -102,9 +102,14 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
 }
 
 std::vector<CarvedSample> Mp4Strategy::Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes,
-                                            RepairLog* log) const {
+                                            const CarveContext& context, RepairLog* log) const {
+    const std::vector<iso::MediaRange> ranges = iso::MediaData(boxes);
+    int64_t total = 0;
+    for (const iso::MediaRange& range : ranges) total += range.end - range.begin;
+    walker.Watch(context.control, context.progress, total);
     std::vector<CarvedSample> samples;
-    for (const iso::MediaRange& range : iso::MediaData(boxes)) walker.Walk(range.begin, range.end, samples);
+    for (const iso::MediaRange& range : ranges)
+        if (!walker.Walk(range.begin, range.end, samples)) break;
     VR_LOG(log, kLogInfo, "[Mp4] carved samples:", std::to_string(samples.size()));
     VR_LOG(log, kLogInfo, "[Mp4] bytes of media data stepped over:", std::to_string(walker.Skipped()));
     return samples;

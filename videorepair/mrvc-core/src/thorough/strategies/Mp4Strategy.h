@@ -24,7 +24,8 @@ public:
     std::string Remark() const override { return remark_; }
 
 private:
-    std::vector<CarvedSample> Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes, RepairLog* log) const;
+    std::vector<CarvedSample> Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes,
+                                   const CarveContext& context, RepairLog* log) const;
     // Says why nothing was carved, in the log and to the host.
     std::unique_ptr<PacketSource> Refuse(const std::string& why, RepairLog* log);
 
