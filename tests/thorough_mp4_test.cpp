@@ -485,4 +485,34 @@ TEST(Mp4IndexKeptTest, CutDataZeroedHeadsAndFragments) {
     }
 }
 
+// A sound recording (M4A) that stopped before its index: its AAC frames are
+// cut one after another, over noise too, and none is lost but what was hit.
+TEST(Mp4AudioOnlyTest, AnUnfinishedSoundRecordingComesBack) {
+    auto make = [](bool sample) {
+        return testing_support::GeneratedMedia(
+            std::string("mp4rec_voice") + (sample ? "_sample" : "") + ".m4a",
+            {"-f", "lavfi", "-i", std::string("sine=frequency=") + (sample ? "660" : "440") + ":sample_rate=48000:duration=" +
+                                     (sample ? "2" : "6"),
+             "-c:a", "aac", "-threads", "1"});
+    };
+    const std::string healthy = make(false), sample = make(true);
+    const std::string bytes = ReadFile(healthy);
+    for (bool noisy : {false, true}) {
+        const std::string cut = bytes.substr(0, size_t(IndexAt(bytes)));
+        Damage noise;
+        if (noisy) noise.noise = {{int64_t(cut.size()) / 2, int64_t(cut.size()) / 2 + 3000}};
+        TempDir dir("mp4voice");
+        const std::string damaged = dir.file("damaged.m4a");
+        WriteFile(damaged, ApplyDamage(cut, noise));
+        ThoroughRepairOptions options{};
+        options.size = sizeof options;
+        ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
+        ASSERT_EQ(run.result, 0) << options.reason;
+        const auto [spared, whole] = WrittenAudioSeconds(healthy, int64_t(cut.size()), noise);
+        const double audio = StreamSeconds(run.repairedPath, "a:0"), frame = 1024.0 / 48000;
+        EXPECT_GE(audio, spared - frame) << (noisy ? "noise" : "cut");
+        EXPECT_LE(audio, whole + frame) << (noisy ? "noise" : "cut");
+    }
+}
+
 }  // namespace

@@ -16,6 +16,11 @@ constexpr int64_t kLongestAudioRun = 2 << 20;
 constexpr int64_t kAudioRunSlack = 2;
 // Stop requests and progress are looked at after this many bytes walked.
 constexpr int64_t kBytesBetweenChecks = 8 << 20;
+// Audio alone is cut in pieces this long; behind damage, shorter ones are tried
+// at every byte until frames follow each other again.
+constexpr int64_t kAudioPiece = 1 << 20;
+constexpr int64_t kResyncPiece = 16 << 10;
+constexpr size_t kFramesToResync = 3;
 
 }  // namespace
 
@@ -66,6 +71,7 @@ bool MediaDataWalker::Stopped(int64_t walkedInRange) {
 }
 
 bool MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+    if (!video_.Supported()) return WalkAudioOnly(begin, end, out);
     for (int64_t at = begin; at < end;) {
         if (Stopped(at - begin)) return false;
         bool key = false;
@@ -77,6 +83,31 @@ bool MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>
         const int64_t next = NextVideo(at + 1, end);
         if (!TakeAudio(at, next, out)) DoubtLastVideo(out);
         at = next;
+    }
+    walked_ += end - begin;
+    return true;
+}
+
+// A piece's last frame is not kept where the piece cut it (the splitter drops a
+// frame followed by an error), so the next piece starts on a frame.
+bool MediaDataWalker::WalkAudioOnly(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+    std::string piece;
+    bool inStep = true;
+    for (int64_t at = begin; at < end && audio_ != nullptr;) {
+        if (Stopped(at - begin)) return false;
+        const int64_t length = std::min(end - at, inStep ? kAudioPiece : kResyncPiece);
+        piece.resize(size_t(length));
+        if (file_.ReadAt(at, piece.data(), piece.size()) != length) break;
+        std::vector<AudioFrame> frames = audio_->Split(reinterpret_cast<const uint8_t*>(piece.data()), piece.size());
+        if (frames.empty() || (!inStep && frames.size() < std::min(kFramesToResync, size_t(length) / 64))) {
+            Skip(1);
+            ++at;
+            inStep = false;
+            continue;
+        }
+        for (const AudioFrame& f : frames) Add(out, {at + int64_t(f.offset), uint32_t(f.size), false, true, f.samples});
+        at += int64_t(frames.back().offset + frames.back().size);
+        inStep = true;
     }
     walked_ += end - begin;
     return true;

@@ -1,7 +1,8 @@
 // Walks the media data of an MP4/MOV whose index is lost, sample by sample: a
 // video sample where one starts (told by its own structure), and between video
 // samples the audio the writer interleaved, cut into its frames. What is
-// neither (damage, a timed metadata track) is stepped over and counted.
+// neither (damage, a timed metadata track) is stepped over and counted. Files
+// with audio alone (M4A) are one long stretch of audio frames.
 #pragma once
 
 #include <cstdint>
@@ -57,6 +58,7 @@ private:
     void Add(std::vector<CarvedSample>& out, CarvedSample sample);
     void Skip(int64_t bytes);
     bool Stopped(int64_t walkedInRange);
+    bool WalkAudioOnly(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
 
     FileReader& file_;
     const AccessUnitReader& video_;

@@ -73,21 +73,26 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     // unless damage took box headers, behind which the demuxer reads nothing.
     if (iso::IndexIntact(boxes) && !iso::HasLostStretch(boxes) && context.ownDemuxerReadsFile) return nullptr;
     const int videoIndex = FirstOfType(sample, AVMEDIA_TYPE_VIDEO);
-    if (videoIndex < 0) return Refuse("the index is lost and no sample with video was given to carve by", log);
     const int audioIndex = FirstOfType(sample, AVMEDIA_TYPE_AUDIO);
+    if (videoIndex < 0 && audioIndex < 0)
+        return Refuse("the index is lost and no sample was given to carve the media data by", log);
     const SampleLayout layout = LearnSampleLayout(sample.Path(), videoIndex, audioIndex);
     const AccessUnitReader video(layout.video);
-    const std::string codec = CodecName(sample.Streams()[size_t(videoIndex)].parameters->codec_id);
-    if (!video.Supported()) return Refuse("the sample's video (" + codec + ") cannot be carved without an index", log);
+    const std::string codec =
+        videoIndex >= 0 ? CodecName(sample.Streams()[size_t(videoIndex)].parameters->codec_id) : "";
+    if (videoIndex >= 0 && !video.Supported())
+        return Refuse("the sample's video (" + codec + ") cannot be carved without an index", log);
     CarvedTrack audioTrack = TrackOf(sample, audioIndex);
     std::unique_ptr<AudioFrameSplitter> audio;
     if (audioTrack.parameters) audio = std::make_unique<AudioFrameSplitter>(audioTrack.parameters.get());
     if (audio && !audio->Supported()) audio.reset(), audioTrack = CarvedTrack();
+    if (videoIndex < 0 && !audio) return Refuse("the sample's audio cannot be carved without an index", log);
 
     MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
     std::vector<CarvedSample> samples = Walk(walker, boxes, context, log);
+    if (iso::MediaData(boxes).empty()) return Refuse("no media data was found in the damaged file", log);
+    if (videoIndex < 0) return AudioOnly(std::move(file), std::move(audioTrack), std::move(samples), walker, log);
     const bool anyVideo = std::any_of(samples.begin(), samples.end(), [](const CarvedSample& s) { return s.video; });
-    if (!anyVideo && iso::MediaData(boxes).empty()) return Refuse("no media data was found in the damaged file", log);
     if (!anyVideo)
         return Refuse("the sample does not fit the damaged file: no " + codec + " sample like the sample's was found "
                       "in its media data", log);
@@ -99,6 +104,16 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     const bool fine = layout.longestAudioRunSeconds > 0 && layout.longestAudioRunSeconds <= kFineInterleaveSeconds;
     return std::make_unique<CarvedPackets>(std::move(file), std::move(videoTrack), std::move(audioTrack),
                                            std::move(samples), presentation, walker.Skipped(), fine);
+}
+
+// Sound recordings (M4A): the sample's audio alone, frame after frame.
+std::unique_ptr<PacketSource> Mp4Strategy::AudioOnly(std::unique_ptr<FileReader> file, CarvedTrack audio,
+                                                     std::vector<CarvedSample> samples, const MediaDataWalker& walker,
+                                                     RepairLog* log) {
+    if (samples.empty())
+        return Refuse("the sample does not fit the damaged file: no audio frame like the sample's was found", log);
+    return std::make_unique<CarvedPackets>(std::move(file), CarvedTrack(), std::move(audio), std::move(samples),
+                                           std::vector<int64_t>(), walker.Skipped(), false);
 }
 
 std::vector<CarvedSample> Mp4Strategy::Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes,

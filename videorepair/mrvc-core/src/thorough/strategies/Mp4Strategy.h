@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "thorough/strategies/CarvedPackets.h"
 #include "thorough/strategies/ContainerStrategy.h"
 #include "thorough/strategies/IsoBoxes.h"
 #include "thorough/strategies/MediaDataWalker.h"
@@ -26,6 +27,9 @@ public:
 private:
     std::vector<CarvedSample> Walk(MediaDataWalker& walker, const std::vector<iso::Box>& boxes,
                                    const CarveContext& context, RepairLog* log) const;
+    std::unique_ptr<PacketSource> AudioOnly(std::unique_ptr<FileReader> file, CarvedTrack audio,
+                                            std::vector<CarvedSample> samples, const MediaDataWalker& walker,
+                                            RepairLog* log);
     // Says why nothing was carved, in the log and to the host.
     std::unique_ptr<PacketSource> Refuse(const std::string& why, RepairLog* log);
 
