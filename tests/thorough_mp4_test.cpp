@@ -3,9 +3,11 @@
 // and the walker on hand-made bytes; and the compatible road still refusing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <sstream>
+#include <tuple>
 
 #include "io/FileReader.h"
 #include "support/RepairHarness.h"
@@ -513,6 +515,46 @@ TEST(Mp4AudioOnlyTest, AnUnfinishedSoundRecordingComesBack) {
         EXPECT_GE(audio, spared - frame) << (noisy ? "noise" : "cut");
         EXPECT_LE(audio, whole + frame) << (noisy ? "noise" : "cut");
     }
+}
+
+// A timed metadata track (as phones write beside their video and sound) puts a
+// small sample in front of every audio chunk: the carver steps over it, and
+// loses neither pictures nor sound.
+TEST(Mp4MetadataTrackTest, MetadataInFrontOfEachAudioChunkIsSteppedOver) {
+    const std::string healthy = Make(Recorders()[0], false), sample = Make(Recorders()[0], true);
+    const std::string bytes = ReadFile(healthy);
+    std::string out;
+    testing_support::RunProgram({VR_TEST_FFPROBE, "-v", "error", "-show_entries", "packet=stream_index,pos,size", "-of",
+                                 "csv=p=0", healthy},
+                                &out);
+    std::vector<std::tuple<long long, long long, int>> packets;  // pos, size, stream
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        int stream = 0;
+        long long size = 0, pos = 0;
+        if (std::sscanf(line.c_str(), "%d,%lld,%lld", &stream, &size, &pos) == 3) packets.emplace_back(pos, size, stream);
+    }
+    std::sort(packets.begin(), packets.end());
+    ASSERT_FALSE(packets.empty());
+    const Bytes metadata = Bytes("\x00\x00\x00\x18keyd\x01\x02", 10) + Bytes(14, '\x33');
+    std::string rebuilt = bytes.substr(0, size_t(std::get<0>(packets.front())));
+    rebuilt.replace(rebuilt.size() - 8, 4, std::string(4, '\0'));  // the mdat size a writer puts first
+    int previous = 0;
+    for (const auto& [pos, size, stream] : packets) {
+        if (stream == 1 && previous == 0) rebuilt += metadata;
+        rebuilt += bytes.substr(size_t(pos), size_t(size));
+        previous = stream;
+    }
+    TempDir dir("mp4meta");
+    const std::string damaged = dir.file("damaged.mp4");
+    WriteFile(damaged, rebuilt);
+    ThoroughRepairOptions options{};
+    options.size = sizeof options;
+    ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
+    ASSERT_EQ(run.result, 0) << options.reason;
+    EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), 95);
+    const auto [spared, whole] = WrittenAudioSeconds(healthy, int64_t(bytes.size()), Damage());
+    EXPECT_NEAR(StreamSeconds(run.repairedPath, "a:0"), whole, 1.0 / 25) << options.reason;
 }
 
 }  // namespace

@@ -23,6 +23,9 @@ public:
     explicit AudioFrameSplitter(const AVCodecParameters* parameters);
 
     bool Supported() const { return pcmBlock_ > 0 || decoder_ != nullptr; }
+    // True when the frames are proved by decoding them (coded audio): PCM takes
+    // any bytes, so where its frames begin cannot be searched for.
+    bool ProvesFrames() const { return decoder_ != nullptr; }
 
     // The whole frames from the start of the stretch, in order; they stop where
     // the bytes are no longer this track's audio.

@@ -21,6 +21,9 @@ constexpr int64_t kBytesBetweenChecks = 8 << 20;
 constexpr int64_t kAudioPiece = 1 << 20;
 constexpr int64_t kResyncPiece = 16 << 10;
 constexpr size_t kFramesToResync = 3;
+// How far into a stretch between video samples coded audio is looked for, past
+// another track's samples (timed metadata) written in front of it.
+constexpr size_t kAudioSearch = 4 << 10;
 
 }  // namespace
 
@@ -126,7 +129,8 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
         if (file_.ReadAt(begin, run.data(), run.size()) == length) {
             size_t from = length > longestRun_ ? video_.EndOfBrokenPicture(bytes, run.size()) : 0;
             if (end - begin - int64_t(from) > longestRun_) from = run.size();
-            for (const AudioFrame& f : audio_->Split(bytes + from, run.size() - from)) {
+            std::vector<AudioFrame> frames = FramesFrom(bytes, run.size(), from);
+            for (const AudioFrame& f : frames) {
                 Add(out, {begin + int64_t(from + f.offset), uint32_t(f.size), false, true, f.samples});
                 taken += int64_t(f.size);
                 headTaken = headTaken || from + f.offset == 0;
@@ -135,6 +139,25 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
     }
     Skip(end - begin - taken);
     return headTaken;
+}
+
+// The frames from `from` on; where none begins there and the frames prove
+// themselves, the first few kilobytes are searched for where they begin (from
+// is moved there): a few frames in a row, or frames that end exactly where the
+// stretch does, are no chance.
+std::vector<AudioFrame> MediaDataWalker::FramesFrom(const uint8_t* run, size_t size, size_t& from) {
+    std::vector<AudioFrame> frames = from < size ? audio_->Split(run + from, size - from) : std::vector<AudioFrame>();
+    if (!frames.empty() || !audio_->ProvesFrames()) return frames;
+    const size_t last = std::min(size, from + kAudioSearch);
+    for (size_t at = from + 1; at < last; ++at) {
+        frames = audio_->Split(run + at, size - at);
+        const bool toTheEnd = !frames.empty() && frames.back().offset + frames.back().size == size - at;
+        if (frames.size() >= kFramesToResync || toTheEnd) {
+            from = at;
+            return frames;
+        }
+    }
+    return {};
 }
 
 // Random bytes now and then read as a length prefix and a NAL header whose

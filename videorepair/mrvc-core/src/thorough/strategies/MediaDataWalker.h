@@ -54,6 +54,7 @@ private:
     int64_t NextVideo(int64_t from, int64_t end);
     // True when the stretch's first bytes were taken as audio.
     bool TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
+    std::vector<AudioFrame> FramesFrom(const uint8_t* run, size_t size, size_t& from);
     void DoubtLastVideo(std::vector<CarvedSample>& out);
     void Add(std::vector<CarvedSample>& out, CarvedSample sample);
     void Skip(int64_t bytes);

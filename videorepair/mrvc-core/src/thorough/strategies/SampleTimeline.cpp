@@ -6,6 +6,11 @@
 namespace thorough {
 namespace {
 
+// A lead told from fewer pictures than this wobbles with the interleaving (and
+// the encoder's start, where audio priming and reordering delay sit): such a
+// stretch neither sets the writer's lead nor is corrected on its own.
+constexpr int kLeastPictures = 8;
+
 // One stretch of samples between two gaps: the video frames and audio samples
 // before it, and how far audio led video at its video samples (the median, as
 // interleaving makes the lead wobble by a frame either way).
@@ -13,6 +18,7 @@ struct Stretch {
     size_t begin = 0, end = 0;
     int64_t shiftFrames = 0, shiftSamples = 0;  // given back for what damage took before it
     double lead = NAN;
+    int pictures = 0;
 };
 
 double Median(std::vector<double> values) {
@@ -27,7 +33,7 @@ std::vector<Stretch> Stretches(const std::vector<CarvedSample>& samples, double 
     std::vector<double> leads;
     for (size_t i = 0; i <= samples.size(); ++i) {
         if (i == samples.size() || (i > 0 && samples[i].afterGap)) {
-            stretches.push_back({stretches.empty() ? 0 : stretches.back().end, i, 0, 0, Median(leads)});
+            stretches.push_back({stretches.empty() ? 0 : stretches.back().end, i, 0, 0, Median(leads), int(leads.size())});
             leads.clear();
         }
         if (i == samples.size()) break;
@@ -37,7 +43,8 @@ std::vector<Stretch> Stretches(const std::vector<CarvedSample>& samples, double 
     return stretches;
 }
 
-// The lead audio had over video where the walk began is the writer's; behind
+// The lead audio had over video in the first stretch long enough to tell it is
+// the writer's; behind
 // each gap, a lead that drifted from it by more than interleaving alone makes
 // is damage, given back to the track that lost more. Measured against the first
 // lead, small losses that add up over many gaps are caught too.
@@ -45,9 +52,10 @@ void KeepInStep(std::vector<Stretch>& stretches, double frameSeconds, int audioR
     double reference = NAN;
     int64_t frames = 0, samples = 0;
     for (Stretch& s : stretches) {
+        const bool telling = s.pictures >= kLeastPictures;
         const double drift = s.lead + double(samples) / audioRate - double(frames) * frameSeconds - reference;
-        if (std::isnan(reference)) reference = s.lead;
-        if (!std::isnan(drift) && std::fabs(drift) > jitter) {
+        if (std::isnan(reference) && telling) reference = s.lead;
+        if (telling && !std::isnan(drift) && std::fabs(drift) > jitter) {
             if (drift > 0) frames += int64_t(std::llround(drift / frameSeconds));
             else samples += int64_t(std::llround(-drift * audioRate));
         }
