@@ -359,6 +359,18 @@ std::pair<double, double> WrittenAudioSeconds(const std::string& healthy, int64_
     return seconds;
 }
 
+// One thorough repair through the exported manager; reason holds what it said.
+struct Thorough {
+    ManagerRun run;
+    std::string reason;
+};
+Thorough RepairThoroughly(const std::string& damaged, const std::string& sample, const TempDir& dir) {
+    ThoroughRepairOptions options{};
+    options.size = sizeof options;
+    ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
+    return {run, options.reason};
+}
+
 class Mp4UnfinishedTest : public ::testing::TestWithParam<std::tuple<Recorder, Unfinished>> {};
 
 TEST_P(Mp4UnfinishedTest, RecoversTheFramesThatWereWrittenInSync) {
@@ -387,14 +399,12 @@ TEST_P(Mp4UnfinishedTest, RecoversTheFramesThatWereWrittenInSync) {
         const bool hit = damage.noise && noise.Hits(p.position, p.position + p.size);
         written += whole && !hit;
     }
-    ThoroughRepairOptions options{};
-    options.size = sizeof options;
-    ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
-    ASSERT_EQ(run.result, 0) << options.reason;
+    const auto [run, reason] = RepairThoroughly(damaged, sample, dir);
+    ASSERT_EQ(run.result, 0) << reason;
     EXPECT_TRUE(run.inputUnchanged);
     // Noise costs the rest of its group of pictures beside the frame it hit.
     const double share = damage.noise ? 0.75 : 0.95;
-    EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), int(share * written)) << options.reason;
+    EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), int(share * written)) << reason;
     // Audio in sync: all that was written whole, within a video frame; frames the
     // noise hit may or may not still decode.
     const double frame = 1.0 / 25, audio = StreamSeconds(run.repairedPath, "a:0");
@@ -427,11 +437,9 @@ TEST(Mp4SampleFitTest, ASampleThatDoesNotFitIsRefusedWithAReason) {
         TempDir dir("mp4fit");
         std::string damaged = dir.file("damaged.mp4");
         WriteFile(damaged, bytes.substr(0, size_t(IndexAt(bytes))));
-        ThoroughRepairOptions options{};
-        options.size = sizeof options;
-        ManagerRun run = ThoroughRepairThroughManager(damaged, Make(sampleRecorder, true), dir, &options);
+        const auto [run, reason] = RepairThoroughly(damaged, Make(sampleRecorder, true), dir);
         EXPECT_EQ(run.result, -1) << sampleRecorder.name;
-        EXPECT_NE(std::string(options.reason).find("does not fit"), std::string::npos) << options.reason;
+        EXPECT_NE(reason.find("does not fit"), std::string::npos) << reason;
         EXPECT_TRUE(run.inputUnchanged);
     }
 }
@@ -472,9 +480,7 @@ TEST(Mp4IndexKeptTest, CutDataZeroedHeadsAndFragments) {
         WriteFile(damaged, ApplyDamage(bytes, damage));
         const auto frames = CountSurvivors(OwnBytes(PositionedPackets(ProbeVideoPackets(healthy)), 0, 0), damage,
                                            Dependence::kUnbrokenChain);
-        ThoroughRepairOptions options{};
-        options.size = sizeof options;
-        ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
+        const auto [run, reason] = RepairThoroughly(damaged, sample, dir);
         ASSERT_EQ(run.result, 0) << c.name;
         EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), int(0.95 * frames)) << c.name;
         // Behind a hole, pictures that lost their references still decode; a cut
@@ -483,7 +489,7 @@ TEST(Mp4IndexKeptTest, CutDataZeroedHeadsAndFragments) {
             EXPECT_EQ(testing_support::CountDecodedVideoFrames(run.repairedPath),
                       CountBitExactFrames(run.repairedPath, healthy))
                 << c.name << ": a frame that is not whole was kept";
-        EXPECT_NE(std::string(options.reason).find(c.said), std::string::npos) << options.reason;
+        EXPECT_NE(reason.find(c.said), std::string::npos) << reason;
     }
 }
 
@@ -506,10 +512,8 @@ TEST(Mp4AudioOnlyTest, AnUnfinishedSoundRecordingComesBack) {
         TempDir dir("mp4voice");
         const std::string damaged = dir.file("damaged.m4a");
         WriteFile(damaged, ApplyDamage(cut, noise));
-        ThoroughRepairOptions options{};
-        options.size = sizeof options;
-        ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
-        ASSERT_EQ(run.result, 0) << options.reason;
+        const auto [run, reason] = RepairThoroughly(damaged, sample, dir);
+        ASSERT_EQ(run.result, 0) << reason;
         const auto [spared, whole] = WrittenAudioSeconds(healthy, int64_t(cut.size()), noise);
         const double audio = StreamSeconds(run.repairedPath, "a:0"), frame = 1024.0 / 48000;
         EXPECT_GE(audio, spared - frame) << (noisy ? "noise" : "cut");
@@ -548,13 +552,11 @@ TEST(Mp4MetadataTrackTest, MetadataInFrontOfEachAudioChunkIsSteppedOver) {
     TempDir dir("mp4meta");
     const std::string damaged = dir.file("damaged.mp4");
     WriteFile(damaged, rebuilt);
-    ThoroughRepairOptions options{};
-    options.size = sizeof options;
-    ManagerRun run = ThoroughRepairThroughManager(damaged, sample, dir, &options);
-    ASSERT_EQ(run.result, 0) << options.reason;
+    const auto [run, reason] = RepairThoroughly(damaged, sample, dir);
+    ASSERT_EQ(run.result, 0) << reason;
     EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), 95);
     const auto [spared, whole] = WrittenAudioSeconds(healthy, int64_t(bytes.size()), Damage());
-    EXPECT_NEAR(StreamSeconds(run.repairedPath, "a:0"), whole, 1.0 / 25) << options.reason;
+    EXPECT_NEAR(StreamSeconds(run.repairedPath, "a:0"), whole, 1.0 / 25) << reason;
 }
 
 }  // namespace
