@@ -426,21 +426,37 @@ INSTANTIATE_TEST_SUITE_P(Recorders, Mp4UnfinishedTest,
                          });
 
 // A sample of another codec, or of the same codec with other settings, is no
-// guide: the tool says so and writes nothing.
+// guide: the tool says so and writes nothing. A sample whose sound is another
+// codec still guides the pictures: they come back, without sound, and the
+// tool says so rather than write the damaged file's sound as the sample's.
 TEST(Mp4SampleFitTest, ASampleThatDoesNotFitIsRefusedWithAReason) {
-    const Recorder h264 = Recorders()[0];
-    const Recorder other444{"h264_444", "mp4", {"-c:v", "libx264", "-preset", "veryfast", "-g", "25", "-pix_fmt",
-                                                "yuv444p", "-c:a", "aac"}};
-    std::string healthy = Make(h264, false);
-    std::string bytes = ReadFile(healthy);
-    for (const Recorder& sampleRecorder : {Recorders()[2], other444}) {
+    const std::vector<std::string> h264 = {"-c:v", "libx264", "-preset", "veryfast", "-g", "25"};
+    auto with = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), h264.begin(), h264.end());
+        return more;
+    };
+    const struct {
+        Recorder sample;
+        int result;
+        const char* said;
+    } cases[] = {
+        {Recorders()[2], -1, "does not fit"},
+        {{"h264_444", "mp4", with({"-pix_fmt", "yuv444p", "-c:a", "aac"})}, -1, "does not fit"},
+        {{"h264_pcm_b", "mov", with({"-pix_fmt", "yuv420p", "-c:a", "pcm_s16le"})}, 0, "without sound"},
+    };
+    const std::string healthy = Make(Recorders()[0], false);
+    const std::string bytes = ReadFile(healthy);
+    for (const auto& c : cases) {
         TempDir dir("mp4fit");
         std::string damaged = dir.file("damaged.mp4");
         WriteFile(damaged, bytes.substr(0, size_t(IndexAt(bytes))));
-        const auto [run, reason] = RepairThoroughly(damaged, Make(sampleRecorder, true), dir);
-        EXPECT_EQ(run.result, -1) << sampleRecorder.name;
-        EXPECT_NE(reason.find("does not fit"), std::string::npos) << reason;
+        const auto [run, reason] = RepairThoroughly(damaged, Make(c.sample, true), dir);
+        EXPECT_EQ(run.result, c.result) << c.sample.name;
+        EXPECT_NE(reason.find(c.said), std::string::npos) << reason;
         EXPECT_TRUE(run.inputUnchanged);
+        if (run.result != 0) continue;
+        EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), 95);
+        EXPECT_EQ(CountStreams(run.repairedPath, "a"), 0) << reason;
     }
 }
 

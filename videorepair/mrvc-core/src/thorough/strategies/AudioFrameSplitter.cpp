@@ -15,10 +15,12 @@ bool IsPcm(AVCodecID codec) { return codec >= AV_CODEC_ID_PCM_S16LE && codec < A
 
 AudioFrameSplitter::AudioFrameSplitter(const AVCodecParameters* parameters) {
     if (parameters == nullptr || parameters->codec_type != AVMEDIA_TYPE_AUDIO) return;
+    codec_ = parameters->codec_id;
     const int channels = parameters->ch_layout.nb_channels;
     if (IsPcm(parameters->codec_id)) {
         const int bits = av_get_bits_per_sample(parameters->codec_id);
         pcmBlock_ = bits > 0 && channels > 0 ? bits / 8 * channels : parameters->block_align;
+        pcmUnit_ = pcmBlock_;
         return;
     }
     const AVCodec* codec = avcodec_find_decoder(parameters->codec_id);
@@ -32,15 +34,21 @@ AudioFrameSplitter::AudioFrameSplitter(const AVCodecParameters* parameters) {
     }
 }
 
-std::vector<AudioFrame> AudioFrameSplitter::Split(const uint8_t* data, size_t size) {
-    if (pcmBlock_ > 0) return SplitPcm(size);
+void AudioFrameSplitter::SetPcmChunkUnit(int64_t bytes) {
+    if (pcmBlock_ > 0 && bytes > 0 && bytes % pcmBlock_ == 0) pcmUnit_ = bytes;
+}
+
+std::vector<AudioFrame> AudioFrameSplitter::Split(const uint8_t* data, size_t size, bool cut) {
+    if (pcmBlock_ > 0) return SplitPcm(size, cut);
     return decoder_ ? SplitCoded(data, size) : std::vector<AudioFrame>();
 }
 
-// A stretch that is no whole number of sample frames is not this track's alone.
-std::vector<AudioFrame> AudioFrameSplitter::SplitPcm(size_t size) const {
+// A stretch that is no whole number of the writer's chunks is not this track's
+// alone, unless the end of the file cut it: then its whole sample frames are.
+std::vector<AudioFrame> AudioFrameSplitter::SplitPcm(size_t size, bool cut) const {
     std::vector<AudioFrame> frames;
-    if (size % size_t(pcmBlock_) != 0) return frames;
+    if (cut) size -= size % size_t(pcmBlock_);
+    else if (size % size_t(pcmUnit_) != 0) return frames;
     const size_t packetBytes = size_t(kPcmPacketSamples) * size_t(pcmBlock_);
     for (size_t at = 0; at < size; at += packetBytes) {
         const size_t n = std::min(packetBytes, size - at);

@@ -74,6 +74,7 @@ bool MediaDataWalker::Stopped(int64_t walkedInRange) {
 }
 
 bool MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>& out) {
+    rangeEnd_ = end;
     if (!video_.Supported()) return WalkAudioOnly(begin, end, out);
     for (int64_t at = begin; at < end;) {
         if (Stopped(at - begin)) return false;
@@ -101,7 +102,8 @@ bool MediaDataWalker::WalkAudioOnly(int64_t begin, int64_t end, std::vector<Carv
         const int64_t length = std::min(end - at, inStep ? kAudioPiece : kResyncPiece);
         piece.resize(size_t(length));
         if (file_.ReadAt(at, piece.data(), piece.size()) != length) break;
-        std::vector<AudioFrame> frames = audio_->Split(reinterpret_cast<const uint8_t*>(piece.data()), piece.size());
+        std::vector<AudioFrame> frames =
+            audio_->Split(reinterpret_cast<const uint8_t*>(piece.data()), piece.size(), at + length == end);
         if (frames.empty() || (!inStep && frames.size() < std::min(kFramesToResync, size_t(length) / 64))) {
             Skip(1);
             ++at;
@@ -129,7 +131,9 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
         if (file_.ReadAt(begin, run.data(), run.size()) == length) {
             size_t from = length > longestRun_ ? video_.EndOfBrokenPicture(bytes, run.size()) : 0;
             if (end - begin - int64_t(from) > longestRun_) from = run.size();
-            std::vector<AudioFrame> frames = FramesFrom(bytes, run.size(), from);
+            // A stretch the end cut is taken only where whole ones showed the track.
+            const bool cut = end == rangeEnd_ && audioFound_;
+            std::vector<AudioFrame> frames = FramesFrom(bytes, run.size(), from, cut);
             for (const AudioFrame& f : frames) {
                 Add(out, {begin + int64_t(from + f.offset), uint32_t(f.size), false, true, f.samples});
                 taken += int64_t(f.size);
@@ -145,8 +149,9 @@ bool MediaDataWalker::TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSa
 // themselves, the first few kilobytes are searched for where they begin (from
 // is moved there): a few frames in a row, or frames that end exactly where the
 // stretch does, are no chance.
-std::vector<AudioFrame> MediaDataWalker::FramesFrom(const uint8_t* run, size_t size, size_t& from) {
-    std::vector<AudioFrame> frames = from < size ? audio_->Split(run + from, size - from) : std::vector<AudioFrame>();
+std::vector<AudioFrame> MediaDataWalker::FramesFrom(const uint8_t* run, size_t size, size_t& from, bool cut) {
+    std::vector<AudioFrame> frames =
+        from < size ? audio_->Split(run + from, size - from, cut) : std::vector<AudioFrame>();
     if (!frames.empty() || !audio_->ProvesFrames()) return frames;
     const size_t last = std::min(size, from + kAudioSearch);
     for (size_t at = from + 1; at < last; ++at) {
@@ -171,6 +176,7 @@ void MediaDataWalker::DoubtLastVideo(std::vector<CarvedSample>& out) {
 }
 
 void MediaDataWalker::Add(std::vector<CarvedSample>& out, CarvedSample sample) {
+    audioFound_ = audioFound_ || !sample.video;
     sample.afterGap = gap_;
     gap_ = false;
     out.push_back(sample);

@@ -54,7 +54,7 @@ private:
     int64_t NextVideo(int64_t from, int64_t end);
     // True when the stretch's first bytes were taken as audio.
     bool TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
-    std::vector<AudioFrame> FramesFrom(const uint8_t* run, size_t size, size_t& from);
+    std::vector<AudioFrame> FramesFrom(const uint8_t* run, size_t size, size_t& from, bool cut);
     void DoubtLastVideo(std::vector<CarvedSample>& out);
     void Add(std::vector<CarvedSample>& out, CarvedSample sample);
     void Skip(int64_t bytes);
@@ -72,6 +72,8 @@ private:
     RepairControl* control_ = nullptr;
     ProgressRange progress_;
     int64_t total_ = 0, walked_ = 0, lastCheck_ = 0;
+    int64_t rangeEnd_ = 0;  // where the media data being walked ends
+    bool audioFound_ = false;
 };
 
 }  // namespace thorough

@@ -1,6 +1,7 @@
 #include "thorough/strategies/Mp4SampleLayout.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "thorough/Demuxer.h"
 
@@ -39,6 +40,7 @@ public:
     void Add(const AVPacket* packet, AVRational timeBase) {
         if (packet->pos < 0) return;
         const bool continues = packet->pos == end_;
+        if (!continues && run_ > 0) unit_ = std::gcd(unit_, run_);
         const double seconds = double(packet->duration) * av_q2d(timeBase);
         run_ = continues ? run_ + packet->size : packet->size;
         runSeconds_ = continues ? runSeconds_ + seconds : seconds;
@@ -48,9 +50,11 @@ public:
     }
     int64_t Largest() const { return largest_; }
     double LongestSeconds() const { return longestSeconds_; }
+    // The last stretch may be cut by the end of the sample's own recording.
+    int64_t Unit() const { return unit_; }
 
 private:
-    int64_t end_ = -1, run_ = 0, largest_ = 0;
+    int64_t end_ = -1, run_ = 0, largest_ = 0, unit_ = 0;
     double runSeconds_ = 0, longestSeconds_ = 0;
 };
 
@@ -80,6 +84,7 @@ SampleLayout LearnSampleLayout(const std::wstring& samplePath, int videoIndex, i
     }
     layout.largestAudioRun = runs.Largest();
     layout.longestAudioRunSeconds = runs.LongestSeconds();
+    layout.audioRunUnit = runs.Unit();
     return layout;
 }
 

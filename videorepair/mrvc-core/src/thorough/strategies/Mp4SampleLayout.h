@@ -15,6 +15,7 @@ struct SampleLayout {
     VideoShape video;            // codec NONE when the video cannot be read
     int64_t largestAudioRun = 0;  // bytes of the longest audio stretch between other samples
     double longestAudioRunSeconds = 0;
+    int64_t audioRunUnit = 0;  // bytes every audio stretch's length is a multiple of
 };
 
 SampleLayout LearnSampleLayout(const std::wstring& samplePath, int videoIndex, int audioIndex);

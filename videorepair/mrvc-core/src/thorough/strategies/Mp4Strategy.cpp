@@ -86,6 +86,7 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     std::unique_ptr<AudioFrameSplitter> audio;
     if (audioTrack.parameters) audio = std::make_unique<AudioFrameSplitter>(audioTrack.parameters.get());
     if (audio && !audio->Supported()) audio.reset(), audioTrack = CarvedTrack();
+    if (audio && videoIndex >= 0) audio->SetPcmChunkUnit(layout.audioRunUnit);
     if (videoIndex < 0 && !audio) return Refuse("the sample's audio cannot be carved without an index", log);
 
     MediaDataWalker walker(*file, video, audio.get(), layout.largestAudioRun);
@@ -100,6 +101,13 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     if (!KeyPicturesDecode(videoTrack.parameters.get(), samples, *file))
         return Refuse("the sample does not fit the damaged file: its " + codec + " configuration (profile, picture "
                       "size or format) does not decode the damaged file's pictures", log);
+    const bool noSound = std::all_of(samples.begin(), samples.end(), [](const CarvedSample& s) { return s.video; });
+    if (audioTrack.parameters && noSound) {
+        audioTrack = CarvedTrack();
+        remark_ = std::string("the sample's audio (") + CodecName(audio->Codec()) +
+                  ") was not found in the damaged file: the video is kept without sound";
+        VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
+    }
     std::vector<int64_t> presentation = PresentationOf(samples, videoTrack.parameters.get(), *file);
     const bool fine = layout.longestAudioRunSeconds > 0 && layout.longestAudioRunSeconds <= kFineInterleaveSeconds;
     return std::make_unique<CarvedPackets>(std::move(file), std::move(videoTrack), std::move(audioTrack),
