@@ -214,6 +214,18 @@ std::vector<Writer> Corpus() {
          Ffmpeg({"-c:v", "dvvideo", "-s", "720x576", "-pix_fmt", "yuv420p", "-c:a", "pcm_s16le", "-ar", "48000", "-ac", "2"}), 1},
         {"wmv", "wmv", "ffmpeg", "wmv2+wmav2", "", Ffmpeg({"-c:v", "wmv2", "-b:v", "1M", "-c:a", "wmav2"}), 1},
         {"wmv", "wmv", "ffmpeg", "wmv1+wmav1", "", Ffmpeg({"-c:v", "wmv1", "-b:v", "1M", "-c:a", "wmav1"}), 1},
+        // As phones, action cameras and screen recorders write them: the index last,
+        // 4:2:0 pictures (the sample's testsrc is RGB and would otherwise be 4:4:4).
+        {"mp4", "mp4", "ffmpeg", "h264+aac", "", Ffmpeg(with(x264, {"-pix_fmt", "yuv420p", "-c:a", "aac"})), 1},
+        {"mp4", "mp4", "ffmpeg", "hevc+aac", "",
+         Ffmpeg({"-c:v", "libx265", "-preset", "veryfast", "-g", "25", "-pix_fmt", "yuv420p", "-x265-params",
+                 "log-level=none", "-c:a", "aac"}),
+         1},
+        {"mp4", "mov", "ffmpeg", "h264+pcm", "", Ffmpeg(with(x264, {"-pix_fmt", "yuv420p", "-c:a", "pcm_s16le"})), 1},
+        {"mp4", "mov", "ffmpeg", "mjpeg+pcm", "",
+         Ffmpeg({"-c:v", "mjpeg", "-q:v", "3", "-pix_fmt", "yuvj420p", "-c:a", "pcm_s16le"}), 1},
+        {"mp4", "mp4", "ffmpeg fragmented", "h264+aac", "",
+         Ffmpeg(with(x264, {"-pix_fmt", "yuv420p", "-c:a", "aac", "-movflags", "frag_keyframe+empty_moov"})), 1},
     };
 }
 
@@ -227,6 +239,7 @@ struct Damage {
 struct Model {
     std::string name;
     void (*apply)(std::string& bytes, Damage& d);
+    bool isoOnly = false;  // only for files with an ISO base media index (moov)
 };
 
 void Overwrite(std::string& bytes, Damage& d, long long at, long long length, bool random, unsigned seed) {
@@ -238,6 +251,34 @@ void Overwrite(std::string& bytes, Damage& d, long long at, long long length, bo
 }
 
 void Cut(std::string& bytes, Damage&, double keep) { bytes.resize(size_t(double(bytes.size()) * keep)); }
+
+unsigned long long Be(const std::string& b, size_t at, int n) {
+    unsigned long long v = 0;
+    for (int i = 0; i < n; ++i) v = v << 8 | (unsigned char)b[at + size_t(i)];
+    return v;
+}
+
+// Where a top-level box of this type starts; npos when there is none.
+size_t TopLevelBox(const std::string& b, const char* type) {
+    for (size_t at = 0; at + 8 <= b.size();) {
+        unsigned long long size = Be(b, at, 4);
+        if (size == 1 && at + 16 <= b.size()) size = Be(b, at + 8, 8);
+        if (b.compare(at + 4, 4, type) == 0) return at;
+        if (size < 8) break;
+        at += size_t(size);
+    }
+    return std::string::npos;
+}
+
+// The recording stopped before the index (written last) was: the file ends where
+// the moov would begin, and the media data's size is the 0 a writer puts first
+// where `sizeZero`.
+void IndexLost(std::string& b, bool sizeZero) {
+    size_t moov = TopLevelBox(b, "moov"), mdat = TopLevelBox(b, "mdat");
+    if (moov == std::string::npos || mdat == std::string::npos || moov < mdat) return;
+    b.resize(moov);
+    if (sizeZero) b.replace(mdat, 4, std::string(4, '\0'));
+}
 
 std::vector<Model> Models() {
     return {
@@ -259,6 +300,20 @@ std::vector<Model> Models() {
              Overwrite(b, d, 0, 8192, false, 0);
              Cut(b, d, 0.9);
          }},
+        {"index lost (recording stopped)", [](std::string& b, Damage&) { IndexLost(b, false); }, true},
+        {"index lost, mdat size 0, cut at 70%",
+         [](std::string& b, Damage& d) {
+             IndexLost(b, true);
+             Cut(b, d, 0.7);
+         },
+         true},
+        {"index lost + noise (1% at 50%)",
+         [](std::string& b, Damage& d) {
+             IndexLost(b, false);
+             long long n = (long long)b.size();
+             Overwrite(b, d, n / 2, n / 100, true, 31u);
+         },
+         true},
         {"40 scattered bit flips",
          [](std::string& b, Damage& d) {
              std::mt19937 rng(23);
@@ -566,7 +621,9 @@ bool RunWriter(const Writer& w, const std::string& cache, const std::string& bin
     std::string bytes = ReadAll(original);
     std::vector<Frame> video = Frames(original, "v:0"), audio = Frames(original, "a:0");
     int index = 0;
+    const bool iso = TopLevelBox(bytes, "moov") != std::string::npos;
     for (const Model& model : Models()) {
+        if (model.isoOnly && !iso) continue;
         Case c;
         c.container = w.container, c.writer = w.writer, c.codec = w.label, c.damage = model.name;
         std::string dir = cache + "/" + tag + "_" + std::to_string(index++);

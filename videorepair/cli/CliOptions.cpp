@@ -141,7 +141,8 @@ std::string HelpText() {
          << UsageText()
          << "\nCommands:\n"
             "  repair     repair each damaged file thoroughly with the engine for its container\n"
-            "             (avi, flv, mkv, mts/m2ts, mxf/klv, wmv/asf, mpeg/mpg): what the file's\n"
+            "             (avi, flv, mkv, mts/m2ts, mxf/klv, wmv/asf, mpeg/mpg, and the MP4\n"
+            "             family: mp4, mov, 3gp, 3g2, m4v, insv, 360): what the file's\n"
             "             own structure gives, what can be carved from the rest and what the\n"
             "             SAMPLE restores are written and judged against the damaged file as it\n"
             "             is; the better one is kept (rebuilt, remuxed, or as is). The sample, a\n"

@@ -15,7 +15,8 @@
 
 namespace {
 
-// The library refuses these without a word; named here only to explain why.
+// The library refuses these on every road but the thorough one, without a word;
+// named here only to explain why.
 const char* const kRefusedExtensions[] = {"mp4", "mov", "3gp", "3g2", "m4v", "insv", "360", "m4a"};
 
 bool IsRefused(const std::string& path) {
@@ -144,7 +145,8 @@ void HostApp::Classify(const RepairOutcome& outcome, FileResult& file) const {
         file.status = "unsupported";
         file.exitCode = exit_codes::kUnsupported;
         file.error = IsRefused(file.input)
-                         ? "refused: the library does not repair MP4-family files (mp4 mov 3gp 3g2 m4v insv 360 m4a)"
+                         ? "refused: MP4-family files (mp4 mov 3gp 3g2 m4v insv 360 m4a) are repaired by the "
+                           "thorough repair only (videorepair repair, without --compatible)"
                          : "no repair engine for " +
                                (extension.empty() ? std::string("files without an extension")
                                                   : "'." + extension + "' files") +

@@ -94,9 +94,10 @@ int32_t VideoRepairManager::SetEngineStrings(const wchar_t* s1, const wchar_t* s
     return 0;
 }
 
-IAdvanceVideoRepair* VideoRepairManager::EngineFor(const std::wstring& videoPath) {
+IAdvanceVideoRepair* VideoRepairManager::EngineFor(const std::wstring& videoPath, bool thorough) {
     std::wstring extension = text::ExtensionOf(videoPath);
-    if (IsRefusedExtension(extension)) return nullptr;
+    if (IsRefusedExtension(extension))
+        return thorough ? engineRegistry_->SelectThoroughOnly(extension, log_.get()) : nullptr;
     return engineRegistry_->Select(extension, log_.get());
 }
 
@@ -131,13 +132,14 @@ int32_t VideoRepairManager::RepairWithOptions(const wchar_t* videoPath, const wc
             int result = engine.RepairWithOptions(videoPath, samplePath, optionData, option);
             if (result == 0) repaired = static_cast<AdvanceRepairBase&>(engine).ThoroughResult();
             return result;
-        });
+        }, true);
     });
 }
 
-int32_t VideoRepairManager::RunEngine(const wchar_t* videoPath, const wchar_t* samplePath, const EngineRun& run) {
+int32_t VideoRepairManager::RunEngine(const wchar_t* videoPath, const wchar_t* samplePath, const EngineRun& run,
+                                      bool thorough) {
     if (!engineRegistry_) return -1;
-    IAdvanceVideoRepair* engine = EngineFor(videoPath);
+    IAdvanceVideoRepair* engine = EngineFor(videoPath, thorough);
     if (engine == nullptr) return -1;
 
     engine->SetObserver(observer_);

@@ -63,12 +63,14 @@ public:
 
 private:
     EngineRegistry* Registry();
-    // Selects the engine for a refused-checked path, or null.
-    IAdvanceVideoRepair* EngineFor(const std::wstring& videoPath);
+    // Selects the engine for a refused-checked path, or null. The thorough road
+    // also reaches the refused extensions' thorough-only engine.
+    IAdvanceVideoRepair* EngineFor(const std::wstring& videoPath, bool thorough = false);
     // The set-up, observer events and record that every engine repair shares; run
     // does the engine's work and names the repaired file.
     using EngineRun = std::function<int(IAdvanceVideoRepair&, std::wstring&)>;
-    int32_t RunEngine(const wchar_t* videoPath, const wchar_t* samplePath, const EngineRun& run);
+    int32_t RunEngine(const wchar_t* videoPath, const wchar_t* samplePath, const EngineRun& run,
+                      bool thorough = false);
     const RepairRecord* FindRecord(const std::wstring& videoPath) const;
     void ForEachEngine(void (AdvanceRepairBase::*action)());
     void ReportProgress(int kind, int value);

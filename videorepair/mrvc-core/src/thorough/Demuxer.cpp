@@ -1,5 +1,7 @@
 #include "thorough/Demuxer.h"
 
+#include <cstring>
+
 #include "platform/Platform.h"
 
 namespace thorough {
@@ -79,10 +81,22 @@ bool Demuxer::Next(AVPacket* packet) {
     // A few errors in a row are damage the demuxer could not step over by itself.
     for (int failures = 0; failures < 64; ++failures) {
         int result = av_read_frame(input_.get(), packet);
-        if (result >= 0) return true;
+        if (result >= 0 && !CutByTheEnd(packet)) return true;
+        if (result >= 0) {
+            av_packet_unref(packet);
+            ++cutSamples_;
+            continue;
+        }
         if (result == AVERROR_EOF || avio_feof(input_->pb)) return false;
     }
     return false;
+}
+
+// An index (MP4/MOV) names each sample's size; a sample the file ends inside is
+// read short and marked corrupt, and is only the head of a picture or frame.
+bool Demuxer::CutByTheEnd(const AVPacket* packet) const {
+    if ((packet->flags & AV_PKT_FLAG_CORRUPT) == 0 || !input_->iformat) return false;
+    return std::strcmp(input_->iformat->name, "mov,mp4,m4a,3gp,3g2,mj2") == 0;
 }
 
 int64_t Demuxer::Consumed() const {

@@ -40,16 +40,20 @@ public:
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override;
     int64_t Skipped() const override { return source_ ? source_->Skipped() : 0; }
+    // Samples left out because the file ends inside them.
+    int64_t CutSamples() const { return cutSamples_; }
     // True when what was read differs from the file as it is.
     bool ReadOtherThanFile() const { return source_ && source_->ChangedAnything(); }
 
 private:
     bool Open(AVFormatContext* context, const char* url, const std::string& format);
     static int ReadSource(void* opaque, uint8_t* buffer, int size);
+    bool CutByTheEnd(const AVPacket* packet) const;
 
     std::unique_ptr<ByteSource> source_;
     AVIOContext* io_ = nullptr;  // ours when reading a source
     InputPtr input_;
+    int64_t cutSamples_ = 0;
 };
 
 }  // namespace thorough

@@ -38,6 +38,7 @@ bool SampleModel::Load(const std::wstring& path) {
         streams_.push_back(std::move(learnt));
     }
     LearnInBandHeaders(demuxer.Context());
+    if (!streams_.empty()) path_ = path;
     return !streams_.empty();
 }
 

@@ -154,6 +154,10 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
     for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
     for (const std::string& refused : result.refused) Log(kLogWarning, "[Thorough] the muxer cannot carry", refused);
     if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
+    if (input.CutSamples() > 0) {
+        cutNote_ = std::to_string(input.CutSamples()) + " samples that the end of the file cut were left out";
+        Log(kLogInfo, "[Thorough]", cutNote_);
+    }
     if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);
     return candidate;
 }
@@ -181,10 +185,12 @@ bool ThoroughRepair::CarvingMayHelp(const Candidate& asIs) const {
 }
 
 Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate& asIs) {
-    CarveContext context{asIsReadsOwnFormat_, asIs.count};
+    // A carver that walks the file first has the first half of the pass's bar.
+    const int middle = (plan_.carver.from + plan_.carver.to) / 2;
+    CarveContext context{asIsReadsOwnFormat_, asIs.count, &control_, {plan_.carver.from, middle}};
     std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
     if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
-    Candidate candidate = Write(sample, *carved, size_, plan_.carver);
+    Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to});
     if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
     return candidate;
 }
@@ -244,6 +250,8 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
                                "): no rebuilt file played better"
                          : std::string(KindName(best.kind)) + ": " + CountText(best.count) + " against " +
                                CountText(asIs.count) + " in the damaged file as it is";
+    if (!cutNote_.empty() && best.kind != kVerdictAsIs) outcome.reason += "; " + cutNote_;
+    if (strategy_ && !strategy_->Remark().empty()) outcome.reason += "; " + strategy_->Remark();
     Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
     Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));
 }

@@ -73,6 +73,7 @@ private:
     double judgeSeconds_ = 0;
     MuxerChoice muxer_;
     bool asIsReadsOwnFormat_ = false;  // the container's own demuxer took the damaged file
+    std::string cutNote_;              // samples the end of the file cut, left out
     std::vector<std::wstring> temporaries_;
 };
 

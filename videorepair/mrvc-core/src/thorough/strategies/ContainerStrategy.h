@@ -11,6 +11,7 @@
 #include "VideoRepairOptions.h"
 #include "thorough/ByteSource.h"
 #include "thorough/PacketSource.h"
+#include "thorough/RepairControl.h"
 
 class RepairLog;
 
@@ -22,6 +23,10 @@ class SampleModel;
 struct CarveContext {
     bool ownDemuxerReadsFile = false;  // the container's own demuxer opened it
     ThoroughMediaCount asIs{};         // and this is what it gave
+    // For a carver that walks the whole file before its first packet: where its
+    // progress goes, and whether the host asked to stop (may be null).
+    RepairControl* control = nullptr;
+    ProgressRange progress;
 };
 
 struct MuxerChoice {
@@ -52,6 +57,10 @@ public:
         (void)damagedPath, (void)sample, (void)context, (void)log;
         return nullptr;
     }
+
+    // What the strategy found worth telling the host (why it could not carve, or
+    // that the sample does not fit the damaged file); empty when nothing.
+    virtual std::string Remark() const { return std::string(); }
 
     // The libavformat demuxer that reads the cleaned view; empty: probe it.
     virtual std::string CleanedFormat() const { return std::string(); }

@@ -1,6 +1,7 @@
 #include "thorough/strategies/CarvingStrategies.h"
 #include "thorough/strategies/ContainerStrategy.h"
 #include "thorough/strategies/AsfStrategy.h"
+#include "thorough/strategies/Mp4Strategy.h"
 #include "thorough/strategies/MpegPsStrategy.h"
 #include "thorough/strategies/MpegTsStrategy.h"
 #include "thorough/strategies/MxfStrategy.h"
@@ -9,6 +10,8 @@
 
 namespace thorough {
 namespace {
+
+const char kIsoDemuxer[] = "mov,mp4,m4a,3gp,3g2,mj2";
 
 // Containers whose damaged file is best read as it is, with the sample restoring
 // what the damage removed.
@@ -22,10 +25,6 @@ private:
     std::string name_;
 };
 
-}  // namespace
-
-namespace {
-
 // libavformat's names for each container: the muxer that writes it, the demuxer
 // that reads it.
 struct FormatNames {
@@ -38,7 +37,9 @@ const FormatNames* NamesOf(const std::string& formatName) {
         {"avi", {"avi", "avi"}},   {"flv", {"flv", "flv"}},       {"mkv", {"matroska", "matroska,webm"}},
         {"mxf", {"mxf", "mxf"}},   {"klv", {"mxf", "mxf"}},       {"wmv", {"asf", "asf"}},
         {"asf", {"asf", "asf"}},   {"mpeg", {"mpeg", "mpeg"}},    {"mts", {"mpegts", "mpegts"}},
-        {"m2ts", {"mpegts", "mpegts"}},
+        {"m2ts", {"mpegts", "mpegts"}}, {"mp4", {"mp4", kIsoDemuxer}}, {"mov", {"mov", kIsoDemuxer}},
+        {"3gp", {"3gp", kIsoDemuxer}},  {"3g2", {"3g2", kIsoDemuxer}},  {"m4v", {"ipod", kIsoDemuxer}},
+        {"m4a", {"ipod", kIsoDemuxer}}, {"insv", {"mp4", kIsoDemuxer}}, {"360", {"mp4", kIsoDemuxer}},
     };
     auto found = names.find(formatName);
     return found != names.end() ? &found->second : nullptr;
@@ -64,6 +65,7 @@ std::unique_ptr<ContainerStrategy> StrategyFor(const std::string& formatName) {
     if (formatName == "avi") return std::make_unique<AviStrategy>();
     if (formatName == "flv") return std::make_unique<FlvStrategy>();
     if (formatName == "mkv" || formatName == "webm") return std::make_unique<MkvStrategy>(formatName);
+    if (DemuxerFor(formatName) == kIsoDemuxer) return std::make_unique<Mp4Strategy>(formatName);
     return std::make_unique<PlainStrategy>(formatName);
 }
 
