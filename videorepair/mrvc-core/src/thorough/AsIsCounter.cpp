@@ -1,7 +1,5 @@
 #include "thorough/AsIsCounter.h"
 
-#include <chrono>
-
 #include "thorough/Demuxer.h"
 #include "thorough/RemuxPass.h"
 
@@ -43,7 +41,6 @@ AsIsCounter::Result AsIsCounter::Finish() {
 }
 
 AsIsCounter::Result AsIsCounter::CountWith(RepairControl& control, ProgressRange progress, int64_t totalBytes) const {
-    auto start = std::chrono::steady_clock::now();
     Result result;
     Demuxer input;
     if (input.OpenFile(path_)) {
@@ -55,7 +52,6 @@ AsIsCounter::Result AsIsCounter::CountWith(RepairControl& control, ProgressRange
     } else {
         result.complete = true;  // nothing to count: the file does not open as it is
     }
-    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return result;
 }
 

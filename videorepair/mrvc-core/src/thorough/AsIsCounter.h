@@ -21,7 +21,6 @@ public:
         ThoroughMediaCount count{};
         std::string format;     // the demuxer that read the file; empty when none did
         bool complete = false;  // read to its end (not stopped or abandoned)
-        double seconds = 0;
     };
 
     AsIsCounter(const std::wstring& path, const SampleModel& sample, RepairControl& control, bool fullDecodeCheck)

@@ -5,8 +5,8 @@
 namespace thorough {
 namespace {
 
-constexpr int64_t kFirstWindow = 32;   // packets decoded from the first key frame
-constexpr int64_t kLaterWindow = 12;   // packets decoded from a later key frame
+constexpr int64_t kFirstWindow = 24;  // packets decoded from the first key frame
+constexpr int64_t kLaterWindow = 8;   // packets decoded from a later key frame
 // Packets between the first two windows; each gap doubles, so a long file costs a
 // few windows more than a short one, not a share of its length.
 constexpr int64_t kFirstSpacing = 300;

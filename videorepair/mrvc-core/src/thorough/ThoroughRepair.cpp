@@ -167,8 +167,11 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
 // whole file, which the host did not wait for.
 void ThoroughRepair::TakeAsIsCount(AsIsCounter& counter, Candidate& asIs) {
     if (control_.ShouldStop()) return counter.Abandon();
+    // What the count costs the repair: all of it in the foreground, only the wait
+    // for it when it ran beside the rebuild.
+    auto waited = std::chrono::steady_clock::now();
     AsIsCounter::Result result = counter.Started() ? counter.Finish() : counter.Count(plan_.asIs, size_);
-    judgeSeconds_ += result.seconds;
+    judgeSeconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - waited).count();
     asIsReadsOwnFormat_ = result.format == DemuxerFor(job_.formatName);
     if (result.complete && !control_.ShouldStop()) asIs.count = result.count;
 }
