@@ -9,8 +9,21 @@ namespace {
 
 constexpr int kIoBufferBytes = 1 << 16;
 // Damaged files hide their streams behind garbage: probe further than usual.
-constexpr int64_t kProbeBytes = 32 << 20;
-constexpr int64_t kAnalyzeMicroseconds = 20 * int64_t(AV_TIME_BASE);
+// FFmpeg's own probe first; a file whose streams it leaves undescribed (garbage
+// in front, a lost header) is probed again, further.
+constexpr int64_t kProbeBytes = 5 << 20;
+constexpr int64_t kAnalyzeMicroseconds = 5 * int64_t(AV_TIME_BASE);
+constexpr int kDeepProbeFactor = 8;
+
+bool Undescribed(const AVFormatContext* context) {
+    if (context->nb_streams == 0) return true;
+    for (unsigned i = 0; i < context->nb_streams; ++i) {
+        const AVCodecParameters* p = context->streams[i]->codecpar;
+        if (p->codec_type == AVMEDIA_TYPE_VIDEO && (p->codec_id == AV_CODEC_ID_NONE || p->width <= 0)) return true;
+        if (p->codec_type == AVMEDIA_TYPE_AUDIO && p->codec_id == AV_CODEC_ID_NONE) return true;
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -28,7 +41,10 @@ Demuxer::~Demuxer() {
 
 bool Demuxer::OpenFile(const std::wstring& path, const std::string& format) {
     std::string url = "file:" + platform::ToNarrow(path);
-    return Open(avformat_alloc_context(), url.c_str(), format);
+    if (Open(avformat_alloc_context(), url.c_str(), format, 1) && !Undescribed(input_.get())) return true;
+    input_.reset();
+    return Open(avformat_alloc_context(), url.c_str(), format, kDeepProbeFactor) ||
+           Open(avformat_alloc_context(), url.c_str(), format, 1);
 }
 
 bool Demuxer::OpenSource(std::unique_ptr<ByteSource> source, const std::string& format) {
@@ -44,17 +60,17 @@ bool Demuxer::OpenSource(std::unique_ptr<ByteSource> source, const std::string& 
     if (context == nullptr) return false;
     context->pb = io_;
     context->flags |= AVFMT_FLAG_CUSTOM_IO;
-    return Open(context, "", format);
+    return Open(context, "", format, 1);
 }
 
-bool Demuxer::Open(AVFormatContext* context, const char* url, const std::string& format) {
+bool Demuxer::Open(AVFormatContext* context, const char* url, const std::string& format, int depth) {
     if (context == nullptr) return false;
     // Packets flagged corrupt stay: a frame damaged at its end still decodes mostly
     // right, and dropping a reference frame would break its whole group of pictures.
     context->flags |= AVFMT_FLAG_GENPTS;
     context->error_recognition = 0;
-    context->probesize = kProbeBytes;
-    context->max_analyze_duration = kAnalyzeMicroseconds;
+    context->probesize = kProbeBytes * depth;
+    context->max_analyze_duration = kAnalyzeMicroseconds * depth;
     const AVInputFormat* input = format.empty() ? nullptr : av_find_input_format(format.c_str());
     if (avformat_open_input(&context, url, input, nullptr) < 0) return false;  // frees context
     input_.reset(context);

@@ -46,7 +46,8 @@ public:
     bool ReadOtherThanFile() const { return source_ && source_->ChangedAnything(); }
 
 private:
-    bool Open(AVFormatContext* context, const char* url, const std::string& format);
+    // depth: how many times FFmpeg's usual probe to read.
+    bool Open(AVFormatContext* context, const char* url, const std::string& format, int depth);
     static int ReadSource(void* opaque, uint8_t* buffer, int size);
     bool CutByTheEnd(const AVPacket* packet) const;
 
