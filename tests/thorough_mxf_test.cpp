@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/CarvedPackets.h"
 #include "support/RepairHarness.h"
 #include "thorough/strategies/MxfCarver.h"
 
@@ -27,28 +28,9 @@ Bytes Filled(size_t n, uint8_t first) {
     return b;
 }
 
-ParametersPtr Parameters(AVMediaType type, AVCodecID codec) {
-    ParametersPtr p(avcodec_parameters_alloc());
-    p->codec_type = type;
-    p->codec_id = codec;
-    return p;
-}
-
-// (stream index, presentation time, size, key, first byte) of each packet given.
-using Carved = std::tuple<int, int64_t, int, bool, int>;
-
-template <typename Source>
-std::vector<Carved> Drain(Source& source) {
-    std::vector<Carved> out;
-    PacketPtr packet = NewPacket();
-    while (source.Next(packet.get())) {
-        int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-        out.emplace_back(packet->stream_index, time, packet->size, (packet->flags & AV_PKT_FLAG_KEY) != 0,
-                         packet->size > 0 ? packet->data[0] : -1);
-        av_packet_unref(packet.get());
-    }
-    return out;
-}
+using carved_packets::Carved;
+using carved_packets::Drain;
+using carved_packets::Parameters;
 
 const uint32_t kPictureTrack = 0x15010501, kSoundTrack = 0x16010101;
 
