@@ -151,6 +151,11 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
         asIsCounted = true;
         NoteAsIsFormat(input);
     }
+    NoteRebuild(input, result);
+    return candidate;
+}
+
+void ThoroughRepair::NoteRebuild(const Demuxer& input, const PassResult& result) {
     for (const std::string& restored : result.restorations) Log(kLogInfo, "[Thorough] restored", restored);
     for (const std::string& refused : result.refused) Log(kLogWarning, "[Thorough] the muxer cannot carry", refused);
     if (input.Skipped() > 0) Log(kLogInfo, "[Thorough] bytes skipped as unusable:", std::to_string(input.Skipped()));
@@ -159,7 +164,6 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
         Log(kLogInfo, "[Thorough]", cutNote_);
     }
     if (!result.written) Log(kLogWarning, "[Thorough] writing the rebuilt file failed:", result.error);
-    return candidate;
 }
 
 // Once the host asked to stop, what the rebuild found is kept, quickly: a count

@@ -18,6 +18,8 @@
 
 namespace thorough {
 
+struct PassResult;
+
 struct ThoroughJob {
     std::wstring damagedPath;
     std::wstring samplePath;     // may be empty
@@ -54,6 +56,7 @@ private:
     std::wstring TemporaryPath();
     Candidate Rebuild(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs, bool& asIsCounted);
     void TakeAsIsCount(AsIsCounter& counter, Candidate& asIs);
+    void NoteRebuild(const Demuxer& input, const PassResult& result);
     Candidate FromCarver(const SampleModel& sample, const Candidate& asIs);
     Candidate FromCarvingRepair(const SampleModel& sample);
     bool CarvingMayHelp(const Candidate& asIs) const;
