@@ -70,8 +70,10 @@ void ExpectHandled(const ManagerRun& run, const std::string& what) {
 // writing and closed (an end of file for the reader) so that the test can end,
 // and the hang is reported.
 ManagerRun RepairWithWatchdog(const std::string& damaged, const std::string& sample, const TempDir& dir,
-                              const std::string& fifo) {
-    auto future = std::async(std::launch::async, [&] { return RepairThroughManager(damaged, sample, dir); });
+                              const std::string& fifo, bool thorough = false) {
+    auto future = std::async(std::launch::async, [&] {
+        return thorough ? ThoroughRepairThroughManager(damaged, sample, dir) : RepairThroughManager(damaged, sample, dir);
+    });
     if (future.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
         ADD_FAILURE() << "the repair hung on the FIFO " << fifo;
         int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
@@ -131,6 +133,30 @@ TEST_P(HostileInput, DirectoryOrFifoNamedAsTheDamagedFile) {
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     ManagerRun run = RepairWithWatchdog(fifo, sample, dir_, fifo);
     ExpectHandled(run, "FIFO");
+    EXPECT_NE(run.result, 0) << "a FIFO is never repaired";
+}
+
+// The thorough road reads every container with libavformat and its own carvers:
+// the same bad input gets a clear error or a best-effort result there too.
+TEST_P(HostileInput, ThoroughRoadHandlesTheSameInput) {
+    const std::string sample = Sample(ReadFile(sample_)), good = ReadFile(good_);
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"empty", ""},
+        {"zeros", std::string(1 << 20, '\0')},
+        {"noise", Noise(1 << 20, 99)},
+        {"head then noise", good.substr(0, good.size() / 2) + Noise(1 << 16, 7)},
+        {"noise then tail", Noise(1 << 16, 8) + good.substr(good.size() / 2)},
+    };
+    for (const auto& [what, bytes] : cases) {
+        ManagerRun run = ThoroughRepairThroughManager(Damaged(bytes, "thorough"), sample, dir_);
+        ExpectHandled(run, what);
+        if (run.result != 0) {
+            EXPECT_TRUE(HasLine(run.log, "[ERROR]")) << what << "\n" << LogText(run.log);
+        }
+    }
+    const std::string fifo = dir_.file("thorough_pipe." + GetParam().extension);
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    ManagerRun run = RepairWithWatchdog(fifo, sample, dir_, fifo, true);
     EXPECT_NE(run.result, 0) << "a FIFO is never repaired";
 }
 
