@@ -29,15 +29,8 @@ struct Payload {
     uint8_t delta = 0;  // compressed: presentation time delta
 };
 
-void Le(Bytes& b, uint32_t v, int bytes) {
-    for (int i = 0; i < bytes; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-
-Bytes Filled(size_t n, uint8_t first) {
-    Bytes b(n);
-    for (size_t i = 0; i < n; ++i) b[i] = uint8_t(first + i);
-    return b;
-}
+using carved_packets::Filled;
+using carved_packets::Le;
 
 // Sub-payloads of a compressed payload: a length byte before each object.
 Bytes Subs(std::initializer_list<size_t> sizes) {

@@ -1,12 +1,25 @@
-// What a carver hands the road, read back in the tests as plain tuples.
+// Carver tests: hand-made input bytes, and what a carver hands the road read back
+// as plain tuples.
 #pragma once
 
+#include <cstdint>
 #include <tuple>
 #include <vector>
 
 #include "thorough/AvHandles.h"
 
 namespace carved_packets {
+
+// Hand-made container bytes: little-endian fields and recognisable payloads.
+inline void Le(std::vector<uint8_t>& b, uint32_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i) b.push_back(uint8_t(v >> (8 * i)));
+}
+
+inline std::vector<uint8_t> Filled(size_t n, uint8_t first) {
+    std::vector<uint8_t> b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = uint8_t(first + i);
+    return b;
+}
 
 inline thorough::ParametersPtr Parameters(AVMediaType type, AVCodecID codec) {
     thorough::ParametersPtr p(avcodec_parameters_alloc());
