@@ -47,6 +47,13 @@ struct ThoroughRepairOptions {
     ThoroughMediaCount repaired;  // the file that was kept
     double judgeSeconds;          // time spent judging, included in the repair's time
     char reason[256];             // one line: why the judge chose as it did
+
+    // Optional, read when within size: a file the library writes as JSON with its
+    // record of the repair (the damaged file's byte ranges by what became of them,
+    // the kept file's gaps per stream). Null or empty: no record is written.
+    const wchar_t* recordPath;
+    // Filled: bytes of the damaged file that could not be read (device read errors).
+    int64_t unreadableBytes;
 };
 
 // The smallest size the library accepts (the fields up to outputPath).

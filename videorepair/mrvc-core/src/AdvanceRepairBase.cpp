@@ -34,6 +34,7 @@ void Report(ThoroughRepairOptions* options, const thorough::ThoroughOutcome& out
     Fill(options, &ThoroughRepairOptions::damaged, outcome.damaged);
     Fill(options, &ThoroughRepairOptions::repaired, outcome.repaired);
     Fill(options, &ThoroughRepairOptions::judgeSeconds, outcome.judgeSeconds);
+    Fill(options, &ThoroughRepairOptions::unreadableBytes, outcome.unreadableBytes);
     if (offsetof(ThoroughRepairOptions, reason) + sizeof(options->reason) <= options->size) {
         size_t n = std::min(outcome.reason.size(), sizeof(options->reason) - 1);
         std::copy_n(outcome.reason.data(), n, options->reason);
@@ -90,6 +91,9 @@ int AdvanceRepairBase::RepairWithOptions(const wchar_t* damagedPath, const wchar
     job.outputPath = options->outputPath != nullptr ? options->outputPath : L"";
     if (job.outputPath.empty()) naming::MakeOutputPath(job.outputPath, damagedPath_, std::wstring(), 0);
     job.formatName = platform::ToNarrow(GetFormatName());
+    if (offsetof(ThoroughRepairOptions, recordPath) + sizeof(options->recordPath) <= options->size &&
+        options->recordPath != nullptr)
+        job.recordPath = options->recordPath;
     job.fullDecodeCheck = (options->flags & kThoroughFullDecodeCheck) != 0;
     if (CarvesInProcess() && !samplePath_.empty()) {
         job.carvingRepair = [this](const std::wstring& directory, thorough::ProgressRange progress) {

@@ -67,8 +67,15 @@ bool MoveFile(const std::wstring& from, const std::wstring& to) {
 }  // namespace
 
 int ThoroughRepair::Run(ThoroughOutcome& outcome) {
+    int result = RunPasses(outcome);
+    WriteRecord(outcome);
+    return result;
+}
+
+int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     QuietFfmpegLog();
     if (!Readable()) return -1;
+    record_.SetFileSize(size_);
     bool carving = static_cast<bool>(job_.carvingRepair);
     plan_ = Plan{{2, 40}, {40, 55}, {55, 75}, {75, 88}, {88, 97}};
     strategy_ = StrategyFor(job_.formatName);
@@ -261,6 +268,15 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
     if (strategy_ && !strategy_->Remark().empty()) outcome.reason += "; " + strategy_->Remark();
     Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
     Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));
+}
+
+void ThoroughRepair::WriteRecord(ThoroughOutcome& outcome) const {
+    outcome.unreadableBytes = record_.BytesOf(RangeKind::kUnreadable);
+    if (job_.recordPath.empty()) return;
+    FileWriter out;
+    std::string json = record_.ToJson();
+    bool written = out.Create(job_.recordPath) && out.Write(json.data(), json.size()) && out.Close();
+    if (!written) Log(kLogWarning, "[Thorough] writing the record of the repair failed:", platform::ToNarrow(job_.recordPath));
 }
 
 void ThoroughRepair::Log(int level, const std::string& message, const std::string& value) const {

@@ -13,6 +13,7 @@
 #include "thorough/Demuxer.h"
 #include "thorough/MediaTally.h"
 #include "thorough/RepairControl.h"
+#include "thorough/RepairRecord.h"
 #include "thorough/SampleModel.h"
 #include "thorough/strategies/ContainerStrategy.h"
 
@@ -24,6 +25,7 @@ struct ThoroughJob {
     std::wstring damagedPath;
     std::wstring samplePath;     // may be empty
     std::wstring outputPath;     // where the kept file goes
+    std::wstring recordPath;     // where the record of the repair goes as JSON; empty: nowhere
     std::string formatName;      // the engine's ("avi", "mpeg", "mts", ...)
     bool fullDecodeCheck = false;
     // The container's own carving repair, where it runs in process: writes its
@@ -37,6 +39,7 @@ struct ThoroughOutcome {
     ThoroughMediaCount repaired{};
     double judgeSeconds = 0;
     std::string reason;
+    int64_t unreadableBytes = 0;
 };
 
 class ThoroughRepair {
@@ -52,6 +55,7 @@ private:
         ProgressRange rebuild, asIs, carver, carving, carvingRemux;
     };
 
+    int RunPasses(ThoroughOutcome& outcome);
     bool Readable();
     std::wstring TemporaryPath();
     Candidate Rebuild(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs, bool& asIsCounted);
@@ -66,6 +70,7 @@ private:
     bool Keep(const Candidate& best);
     void RemoveTemporaries(const std::wstring& except);
     void Explain(const Candidate& best, const Candidate& asIs, ThoroughOutcome& outcome) const;
+    void WriteRecord(ThoroughOutcome& outcome) const;
     void Log(int level, const std::string& message, const std::string& value) const;
 
     ThoroughJob job_;
@@ -78,6 +83,7 @@ private:
     bool asIsReadsOwnFormat_ = false;  // the container's own demuxer took the damaged file
     std::string cutNote_;              // samples the end of the file cut, left out
     std::vector<std::wstring> temporaries_;
+    RepairRecord record_;
 };
 
 }  // namespace thorough
