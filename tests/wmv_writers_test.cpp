@@ -140,9 +140,9 @@ TEST_F(WmvWriters, LongHeaderGetsNoPaddingAndKeepsItsBytes) {
 }
 
 TEST_F(WmvWriters, UnreadableRecordIsReportedAndSkipped) {
-    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     std::string avi = Avi({Record(250, 20, 1), Record(0, 2, 2)}, Video("WMV2", 0));
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("read buf failed"), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("read buf failed"), std::string::npos);
     EXPECT_EQ(U32At(avi, 1024 + 12), 20u);  // the size stays as counted
     EXPECT_EQ(avi.substr(1024 + 16, 4), "00dc");
     EXPECT_EQ(U32At(avi, 48), 2u);

@@ -23,10 +23,10 @@ public:
     bool PatchAt(int64_t offset, const void* data, size_t n);
     int64_t Written() const { return written_; }
     bool Ok() const { return ok_; }
+    bool Flush();  // hands what is buffered to the file
     bool Close();  // flushes; false if any write failed
 
 private:
-    bool Flush();
     bool WriteDirect(const uint8_t* p, size_t n);
 
     int fd_ = -1;

@@ -33,8 +33,7 @@ int AviGenerator::Generate() {
     bool hasMovieList = WritePadding();
     WriteFrames();
     Patch(hasMovieList);
-    io_.Close();
-    return 0;
+    return io_.Close() ? 0 : -1;
 }
 
 void AviGenerator::WriteHeader() {

@@ -17,7 +17,7 @@ public:
     AviGenerator(const std::string& inputPath, const std::string& outputPath, const PayloadList& records,
                  const VideoStreamInfo& info);
 
-    // Writes the whole file: 0, or -1 when a stream could not be opened.
+    // Writes the whole file: 0, or -1 when a file could not be opened or written.
     int Generate();
     uint32_t FrameCount() const { return frames_; }
 
