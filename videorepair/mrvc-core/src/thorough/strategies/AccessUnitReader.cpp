@@ -19,6 +19,29 @@ size_t LengthAt(const uint8_t* p, int size) {
     return n;
 }
 
+// An SEI value (payload type or size): bytes of 255 add up until the last byte.
+bool SeiValue(const uint8_t* d, size_t size, size_t& at, size_t& value) {
+    value = 0;
+    while (at < size && d[at] == 0xFF) value += d[at++];
+    if (at >= size) return false;
+    value += d[at++];
+    return true;
+}
+
+// Cameras that never write an IDR picture mark where decoding may start with a
+// recovery point SEI (ISO/IEC 14496-10 D.2.8). A count of 0 means this very
+// picture is whole, so its access unit is a key frame, as ffmpeg's parser takes it.
+bool RecoversHere(const uint8_t* d, size_t size) {
+    size_t at = 1;  // past the NAL header
+    while (at + 1 < size && d[at] != 0x80) {  // 0x80: the trailing bits
+        size_t type = 0, length = 0;
+        if (!SeiValue(d, size, at, type) || !SeiValue(d, size, at, length)) return false;
+        if (type == 6) return at < size && (d[at] & 0x80) != 0;  // recovery_frame_cnt, ue(v) == 0
+        at += length;
+    }
+    return false;
+}
+
 nal::Role H264Role(const uint8_t* d, size_t size, bool& key) {
     if (size < 2 || (d[0] & 0x80) != 0) return nal::Role::kInvalid;
     const int type = d[0] & 0x1F, refIdc = d[0] >> 5 & 3;
@@ -33,6 +56,9 @@ nal::Role H264Role(const uint8_t* d, size_t size, bool& key) {
         case 8:
             return refIdc != 0 ? nal::Role::kStartsUnit : nal::Role::kInvalid;
         case 6:
+            if (refIdc != 0) return nal::Role::kInvalid;
+            key = key || RecoversHere(d, size);
+            return nal::Role::kStartsUnit;
         case 9:
             return refIdc == 0 ? nal::Role::kStartsUnit : nal::Role::kInvalid;
         case 12:
