@@ -91,6 +91,27 @@ TEST(Mp4AccessUnitTest, TellsWhereEachVideoSampleEnds) {
     }
 }
 
+// A start code or a length prefix inside a unit, wherever it falls against the
+// words the search steps by; a lone zero byte or 00 00 03 is no such thing.
+TEST(Mp4AccessUnitTest, FindsForbiddenSequencesAtEveryAlignment) {
+    for (size_t size : {3u, 9u, 10u, 17u, 40u}) {
+        for (size_t at = 0; at + 3 <= size; ++at) {
+            for (char third : {'\x00', '\x01', '\x02', '\x03'}) {
+                Bytes data(size, '\x55');
+                data[at] = data[at + 1] = '\0';
+                data[at + 2] = third;
+                const bool forbidden = third != '\x03';
+                EXPECT_EQ(thorough::nal::HasForbiddenSequence(reinterpret_cast<const uint8_t*>(data.data()), size),
+                          forbidden)
+                    << "size " << size << " at " << at << " third " << int(third);
+            }
+        }
+        Bytes lone(size, '\x55');
+        lone[size / 2] = '\0';
+        EXPECT_FALSE(thorough::nal::HasForbiddenSequence(reinterpret_cast<const uint8_t*>(lone.data()), size));
+    }
+}
+
 // The writer's chunks alternate the tracks unevenly: one, two or three video
 // samples, then runs of PCM of different lengths; a sample whose length lies, a
 // stretch of damage, and a phantom (damage that reads as a sample far larger

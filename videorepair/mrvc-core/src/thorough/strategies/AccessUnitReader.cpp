@@ -93,13 +93,20 @@ Role RoleOf(AVCodecID codec, const uint8_t* data, size_t size, bool& key) {
 }
 
 bool HasForbiddenSequence(const uint8_t* data, size_t size) {
-    for (size_t i = 0; i + 2 < size;) {
-        const void* zero = std::memchr(data + i, 0, size - i - 2);
-        if (zero == nullptr) return false;
-        i = size_t(static_cast<const uint8_t*>(zero) - data);
-        if (data[i + 1] == 0 && data[i + 2] <= 2) return true;
-        ++i;
+    if (size < 3) return false;
+    // Coded slices hold few zero bytes: words without one are stepped over whole,
+    // and only a word with a zero byte is looked at byte by byte.
+    constexpr uint64_t kLow = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+    size_t i = 0;
+    for (; i + 8 + 2 <= size; i += 8) {
+        uint64_t word;
+        std::memcpy(&word, data + i, 8);
+        if (((word - kLow) & ~word & kHigh) == 0) continue;
+        for (size_t j = i; j < i + 8; ++j)
+            if (data[j] == 0 && data[j + 1] == 0 && data[j + 2] <= 2) return true;
     }
+    for (; i + 2 < size; ++i)
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] <= 2) return true;
     return false;
 }
 
