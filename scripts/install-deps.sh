@@ -6,8 +6,10 @@ set -euo pipefail
 if [ $# -gt 0 ]; then
   packages=("$@")
 else
+  # dpkg-dev and file: `cpack -G DEB` finds the programs in the package with file and reads
+  # their library dependencies with dpkg-shlibdeps.
   packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
-            googletest libgtest-dev libgmock-dev mkvtoolnix)
+            googletest libgtest-dev libgmock-dev mkvtoolnix dpkg-dev file)
 fi
 
 missing=()

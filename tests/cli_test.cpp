@@ -435,10 +435,14 @@ TEST(CliRemux, UnreadableMediaFailsWithTheLibrarysReason) {
 
 TEST(CliRemux, WithoutFfmpegBesideTheProgramTheCodeSaysSo) {
     TempDir dir("cli");
-    // The library looks for ffmpeg beside the running program: a copy elsewhere has none.
+    // The library looks for ffmpeg beside the running program, then on PATH: a copy
+    // elsewhere, run with a PATH that holds no ffmpeg, has none.
     std::string program = CopiedProgram(dir);
     WriteFile(dir.file("clip.mkv"), "bytes");
+    const std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
+    setenv("PATH", dir.path().c_str(), 1);
     CliProcess process({"remux", dir.file("clip.mkv"), "--work-dir", dir.file("work")}, program);
+    setenv("PATH", path.c_str(), 1);
     EXPECT_EQ(process.Wait(), kFfmpegMissing);
     EXPECT_NE(process.err.find("ffmpeg not found beside the videorepair program"), std::string::npos) << process.err;
 }
