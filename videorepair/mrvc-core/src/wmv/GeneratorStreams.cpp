@@ -1,6 +1,6 @@
 #include "wmv/GeneratorStreams.h"
 
-#include <iostream>
+#include "platform/Platform.h"
 
 namespace wmv {
 
@@ -54,7 +54,8 @@ bool GeneratorStreams::ReadRecord(const PayloadRecord& record, std::vector<char>
     input_->seekg(record.offset, std::ios::beg);
     input_->read(buffer.data(), std::streamsize(buffer.size()));
     if (input_->fail()) {
-        std::cout << "read buf failed" << std::endl;
+        // Never on standard output: a host may be writing its own results there.
+        platform::DebugTrace("read buf failed");
         input_->clear();
         return false;
     }
