@@ -7,7 +7,8 @@ if [ $# -gt 0 ]; then
   packages=("$@")
 else
   packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
-            googletest libgtest-dev libgmock-dev mkvtoolnix)
+            googletest libgtest-dev libgmock-dev mkvtoolnix
+            libcli11-dev)  # libcli11-dev: the videorepair tool's option parser (header-only)
 fi
 
 missing=()
