@@ -42,6 +42,7 @@ struct Launch {
     std::string program = Program();
     bool ownGroup = false;        // as a shell starts a job: the test can signal the whole group
     std::vector<std::string> wrapper;  // e.g. setpriv ... to run as another user
+    std::string cwd;                   // empty: the test's own
 };
 
 class CliProcess {
@@ -60,6 +61,7 @@ public:
         posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
         posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        if (!launch.cwd.empty()) posix_spawn_file_actions_addchdir_np(&actions, launch.cwd.c_str());
         for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) posix_spawn_file_actions_addclose(&actions, fd);
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
