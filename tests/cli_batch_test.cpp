@@ -286,3 +286,22 @@ TEST(CliSignals, CtrlCToTheProcessGroupWhileFfmpegRunsStillGivesAPlayableResult)
         EXPECT_EQ(EntriesIn(dir.file("work")), 0u);
     }
 }
+
+// The MPEG engine writes beside its sample; it gets a view in the work
+// directory, so a sample named like an option, in a folder, is left alone.
+TEST(CliBatch, ASampleNamedLikeAnOptionLeavesItsFolderAlone) {
+    for (const repair_harness::EngineClip& clip : repair_harness::AllEngineClips()) {
+        if (clip.engine != "Mpeg") continue;
+        TempDir dir("cli");
+        Truncated(repair_harness::MakeEngineClip(clip, false), 0.8, dir.file("clip.mpg"));
+        fs::copy_file(repair_harness::MakeEngineClip(clip, true), dir.file("-s2.mpg"));
+        Launch launch;
+        launch.cwd = dir.path();
+        CliRun run = RunCli({"repair", "--compatible", "--sample=-s2.mpg", "--json", "--work-dir", dir.file("work"),
+                             "--", "clip.mpg"},
+                            launch);
+        EXPECT_EQ(run.code, 0) << run.err;
+        EXPECT_GT(CountDecodedVideoFrames(dir.file("clip_repaired.mpg")), 0);
+        EXPECT_EQ(repair_harness::FilesIn(dir.path()), 3u) << "the damaged file, the sample and the result";
+    }
+}

@@ -310,8 +310,10 @@ TEST(CliRemux, SeveralFilesIntoOneDirectoryEndWithASummaryTable) {
 TEST(CliRemux, UnreadableMediaFailsWithTheLibrarysReason) {
     TempDir dir("cli");
     WriteFile(dir.file("noise.mkv"), std::string(20000, '\x5a'));
-    CliRun run = RunCli({"remux", dir.file("noise.mkv"), "--json", "--work-dir", dir.file("work")});
+    CliRun run = RunCli({"remux", dir.file("noise.mkv"), "--json", "--work-dir", dir.file("work"), "--log-dir",
+                         dir.file("logs")});
     EXPECT_EQ(run.code, kRepairFailed);
+    EXPECT_NE(ReadFile(dir.file("logs/KzVideoRepair.log")).find("FfmpegRepair failed, ret:"), std::string::npos);
     EXPECT_NE(run.err.find("FfmpegRepair failed, ret:"), std::string::npos) << run.err;
     Poco::JSON::Object::Ptr file = FirstFile(run.out);
     EXPECT_EQ(file->getValue<std::string>("status"), "failed");

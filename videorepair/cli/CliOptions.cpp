@@ -116,8 +116,7 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) {
 
 std::vector<std::string> WorkerArguments(const CliOptions& o) {
     std::vector<std::string> args = {o.command == CliCommand::kRemux ? "remux" : "repair"};
-    if (!o.sample.empty()) args.insert(args.end(), {"--sample", o.sample});
-    if (!o.logDirectory.empty()) args.insert(args.end(), {"--log-dir", o.logDirectory});
+    if (!o.sample.empty()) args.push_back("--sample=" + o.sample);  // a name may start with '-'
     if (o.compatible) args.push_back("--compatible");
     if (o.fullCheck) args.push_back("--full-check");
     if (o.verbose) args.push_back("--verbose");
@@ -160,8 +159,8 @@ std::string HelpText() {
             "  -j, --jobs N         repair N files at once, each in a process of its own\n"
             "      --ffmpeg PATH    the ffmpeg program to run (default: beside this program,\n"
             "                       then $VIDEOREPAIR_FFMPEG, then the PATH)\n"
-            "      --log-dir DIR    keep the library's KzVideoRepair.log there (default: a log of\n"
-            "                       this run only, removed with the work directory)\n"
+            "      --log-dir DIR    keep the library's log lines in DIR/KzVideoRepair.log, file\n"
+            "                       after file (default: kept only while the run lasts)\n"
             "      --work-dir DIR   where this run's intermediates are made, in a folder of its\n"
             "                       own that is removed at the end (default: $TMPDIR/videorepair-UID)\n"
             "      --json           one JSON line per file on standard output, as each finishes\n"

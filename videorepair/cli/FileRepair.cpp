@@ -47,6 +47,12 @@ std::string ViewStem(const std::string& path, const char* fallback) {
     return !stem.empty() && stem[0] != '-' && work_files::IsUtf8(stem) ? stem : std::string(fallback);
 }
 
+void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
+    for (size_t at = text.find(from); !from.empty() && at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+}
+
 }  // namespace
 
 std::string FileRepair::Road() const {
@@ -228,10 +234,14 @@ FileResult FileRepair::Run(RepairSession& session, const std::string& input) {
     file.libraryResult = outcome.result;
     file.seconds = outcome.seconds;
     Classify(outcome, file);
+    // The user knows the files by their own names, not by the views.
+    ReplaceAll(file.error, damagedView, input);
+    if (!sampleView.empty()) ReplaceAll(file.error, sampleView, options_.sample);
     if (outcome.judged && outcome.started) {
         file.judged = true;
         file.judge.verdict = outcome.judge.verdict;
         file.judge.reason = outcome.judge.reason;
+        ReplaceAll(file.judge.reason, damagedView, input);
         file.judge.damaged = outcome.judge.damaged;
         file.judge.repaired = outcome.judge.repaired;
         file.judge.seconds = outcome.judge.judgeSeconds;

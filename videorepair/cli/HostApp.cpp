@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 
 const char kResultFile[] = "result.json";
 const char kReportFile[] = "report.txt";
+const char kLogFile[] = "KzVideoRepair.log";
 
 std::string ReadText(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -114,7 +115,8 @@ void HostApp::Skip(const PlannedFile& planned, const std::string& status, int ex
     file.exitCode = exitCode;
     file.error = error;
     if (status == "exists") file.advice = "-y replaces it, -n skips it without an error";
-    Report(file, FileJsonLine(file, run_), status == "exists" ? FileReport(file, run_) : std::string());
+    // A missing file was named on standard error already.
+    Report(file, FileJsonLine(file, run_), status == "missing" ? std::string() : FileReport(file, run_));
 }
 
 bool HostApp::MayWrite(const PlannedFile& planned, FileResult& refused) {
@@ -135,16 +137,16 @@ bool HostApp::MayWrite(const PlannedFile& planned, FileResult& refused) {
 
 bool HostApp::PlanFiles() {
     InputPlan plan(options_);
+    std::string error;
+    if (!plan.CheckOutput(options_.inputs.size(), error)) {
+        Fail(error, exit_codes::kUsage);
+        return false;
+    }
     std::vector<std::string> skipped;
     std::vector<std::string> inputs = plan.Expand(skipped);
     for (const std::string& reason : skipped) std::fprintf(stderr, "videorepair: skipping %s\n", reason.c_str());
     if (inputs.empty()) {
         Fail("nothing to repair: no video file among the damaged files and folders given", exit_codes::kMissingFile);
-        return false;
-    }
-    std::string error;
-    if (!plan.CheckOutput(inputs.size(), error)) {
-        Fail(error, exit_codes::kUsage);
         return false;
     }
     total_ = inputs.size();
@@ -203,14 +205,25 @@ void HostApp::Collect(const Pending& pending, int exitCode) {
         file.error = "the repair process ended without a result (exit code " + std::to_string(exitCode) + ")";
         file.input = pending.plan.input;
         Report(file, FileJsonLine(file, run_), FileReport(file, run_));
+        KeepLog(directory);
         return;
     }
     file.input = pending.plan.input;  // JSON holds a UTF-8 rendering; the name itself may be any bytes
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
     Report(file, line, ReadText(directory / kReportFile));
+    KeepLog(directory);
     // Nothing the library made for this file stays behind.
     std::error_code ec;
     fs::remove_all(directory, ec);
+}
+
+void HostApp::KeepLog(const fs::path& fileDirectory) const {
+    if (options_.logDirectory.empty()) return;
+    std::error_code ec;
+    fs::create_directories(fs::u8path(options_.logDirectory), ec);
+    // One file's lines after another's, never interleaved: only the tool writes here.
+    std::ofstream out(fs::u8path(options_.logDirectory) / kLogFile, std::ios::binary | std::ios::app);
+    out << ReadText(fileDirectory / "log" / kLogFile);
 }
 
 bool HostApp::StartNext(WorkerPool& pool, size_t& next) {
@@ -261,9 +274,11 @@ int HostApp::RunWorkers() {
 }
 
 int HostApp::Run() {
-    console::InstallInterruptHandlers(false);
     if (!CheckFfmpeg() || !CheckSample() || !PlanFiles()) return Finish();
     if (!pending_.empty()) {
+        // Until now Ctrl-C simply ends the program (as at ffmpeg's question):
+        // nothing was made yet.
+        console::InstallInterruptHandlers(false);
         std::string error;
         if (!workDirectory_.Create(options_.workDirectory, error)) {
             Fail(error, exit_codes::kLibraryError);
@@ -320,7 +335,8 @@ int RunWorker(const CliOptions& options) {
     if (options.command == CliCommand::kRepair) run.road = options.compatible ? "compatible" : "thorough";
     run.sample = options.sample;
     fs::path directory = fs::u8path(options.workerDirectory);
-    std::string logDirectory = options.logDirectory.empty() ? (directory / "log").u8string() : options.logDirectory;
+    // A log of this file's own: its errors can only be this repair's.
+    std::string logDirectory = (directory / "log").u8string();
     std::error_code ec;
     fs::create_directories(fs::u8path(logDirectory), ec);
     FileResult file;

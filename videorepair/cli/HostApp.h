@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,7 @@ private:
     std::string ProgressStyle() const;
     bool StartNext(WorkerPool& pool, size_t& next);
     void Collect(const Pending& pending, int exitCode);
+    void KeepLog(const std::filesystem::path& fileDirectory) const;
     void Report(const FileResult& file, const std::string& jsonLine, const std::string& humanText);
     void Skip(const PlannedFile& planned, const std::string& status, int exitCode, const std::string& error);
     int RunWorkers();
