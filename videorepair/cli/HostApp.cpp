@@ -10,30 +10,19 @@
 
 #include "Console.h"
 #include "ExitCodes.h"
-#include "FileRepair.h"
-#include "MediaReport.h"
-#include "RepairSession.h"
+#include "WorkerFiles.h"
 #include "WorkerPool.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-const char kResultFile[] = "result.json";
-const char kReportFile[] = "report.txt";
-const char kLogFile[] = "KzVideoRepair.log";
 
 std::string ReadText(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-bool WriteText(const fs::path& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    return static_cast<bool>(out);
 }
 
 bool Exists(const std::string& path) {
@@ -223,7 +212,7 @@ void HostApp::KeepLog(const fs::path& fileDirectory) const {
     fs::create_directories(fs::u8path(options_.logDirectory), ec);
     // One file's lines after another's, never interleaved: only the tool writes here.
     std::ofstream out(fs::u8path(options_.logDirectory) / kLogFile, std::ios::binary | std::ios::app);
-    out << ReadText(fileDirectory / "log" / kLogFile);
+    out << ReadText(fileDirectory / kLogFolder / kLogFile);
 }
 
 bool HostApp::StartNext(WorkerPool& pool, size_t& next) {
@@ -320,46 +309,4 @@ int HostApp::Finish() {
     }
     std::fflush(stdout);
     return run_.exitCode;
-}
-
-int RunWorker(const CliOptions& options) {
-    console::LeaveTerminalGroup();
-    console::InstallInterruptHandlers(true);
-    console::DetachStandardInput();
-    ProgressDisplay::Style style = options.workerProgress == "bar"     ? ProgressDisplay::Style::kBar
-                                   : options.workerProgress == "lines" ? ProgressDisplay::Style::kLines
-                                                                       : ProgressDisplay::Style::kNone;
-    ProgressDisplay display(stderr, style);
-    RunSummary run;
-    run.command = options.command == CliCommand::kRepair ? "repair" : "remux";
-    if (options.command == CliCommand::kRepair) run.road = options.compatible ? "compatible" : "thorough";
-    run.sample = options.sample;
-    fs::path directory = fs::u8path(options.workerDirectory);
-    // A log of this file's own: its errors can only be this repair's.
-    std::string logDirectory = (directory / "log").u8string();
-    std::error_code ec;
-    fs::create_directories(fs::u8path(logDirectory), ec);
-    FileResult file;
-    {
-        RepairSession session(display);
-        std::string error;
-        if (ec || !session.Open(logDirectory, directory.u8string(), options.verbose, error)) {
-            file.input = options.inputs.front();
-            file.method = run.command;
-            file.road = run.road;
-            file.status = "failed";
-            file.exitCode = exit_codes::kLibraryError;
-            file.error = ec ? "cannot create " + logDirectory + ": " + ec.message() : error;
-        } else {
-            if (!options.sample.empty()) {
-                run.sampleFacts = ProbeMedia(options.sample);
-                run.sampleProbed = true;
-            }
-            file = FileRepair(options, display).Run(session, options.inputs.front());
-        }
-    }
-    file.note = options.workerNote;
-    WriteText(directory / kReportFile, FileReport(file, run));
-    WriteText(directory / kResultFile, FileJsonLine(file, run) + "\n");
-    return file.exitCode;
 }
