@@ -22,8 +22,9 @@ using namespace testing_support;
 using namespace cli_testing;
 
 std::string ClipWithAudio(const std::string& name, int seconds, const std::vector<std::string>& codecs) {
-    std::vector<std::string> args = {"-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25:duration=" + std::to_string(seconds),
-                                      "-f", "lavfi", "-i", "sine=duration=" + std::to_string(seconds)};
+    std::vector<std::string> args = {
+        "-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25:duration=" + std::to_string(seconds),
+        "-f", "lavfi", "-i", "sine=duration=" + std::to_string(seconds)};
     args.insert(args.end(), codecs.begin(), codecs.end());
     return GeneratedMedia(name, args);
 }
@@ -85,7 +86,8 @@ TEST(CliBatch, UpperCaseCameraNamesOnTheCompatibleRoad) {
         std::string name = clip.engine == "Avi" ? "MVI_0001.AVI" : "00000.MTS";
         std::string damaged = Truncated(repair_harness::MakeEngineClip(clip, false), 0.8, dir.file(name));
         std::string sample = repair_harness::MakeEngineClip(clip, true);
-        CliRun run = RunCli({"repair", "--compatible", damaged, "-s", sample, "--json", "--work-dir", dir.file("work")});
+        CliRun run =
+            RunCli({"repair", "--compatible", damaged, "-s", sample, "--json", "--work-dir", dir.file("work")});
         EXPECT_EQ(run.code, 0) << run.err;
         Poco::JSON::Object::Ptr line = JsonLines(run.out).at(0);
         EXPECT_EQ(Status(line), "repaired");
@@ -204,7 +206,8 @@ TEST(CliFiles, ReadOnlyInputFolderPutsTheResultInTheCurrentDirectory) {
 // A result that holds no video, or no result at all, is not "repaired": the
 // exit code says so and the message says what to do next.
 TEST(CliRepair, ResultsWithoutVideoExitNonZeroAndSayWhatToDo) {
-    std::string audio = GeneratedMedia("cli_audio_only.mkv", {"-f", "lavfi", "-i", "sine=duration=2", "-c:a", "pcm_s16le"});
+    std::string audio =
+        GeneratedMedia("cli_audio_only.mkv", {"-f", "lavfi", "-i", "sine=duration=2", "-c:a", "pcm_s16le"});
     std::string source = ShortMkv();
     ASSERT_FALSE(audio.empty() || source.empty());
     TempDir dir("cli");
@@ -218,7 +221,10 @@ TEST(CliRepair, ResultsWithoutVideoExitNonZeroAndSayWhatToDo) {
         const char* advice;
     } cases[] = {
         {{"remux", audio}, kUnplayable, "unplayable", "try videorepair repair"},
-        {{"repair", headless}, kRepairFailed, "failed", "the header is gone: repair with --sample from the same camera"},
+        {{"repair", headless},
+         kRepairFailed,
+         "failed",
+         "the header is gone: repair with --sample from the same camera"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.status);

@@ -72,8 +72,10 @@ bool CheckCommand(ParsedCommandLine& result, const RawCommandLine& raw) {
     o.inputs.assign(raw.words.begin() + 1, raw.words.end());
     if (verb == "repair") {
         o.command = CliCommand::kRepair;
-        if (o.compatible && o.sample.empty()) return Fail(result, "repair --compatible needs a sample file: --sample SAMPLE");
-        if (o.compatible && o.fullCheck) return Fail(result, "--full-check is for the thorough repair; drop --compatible");
+        if (o.compatible && o.sample.empty())
+            return Fail(result, "repair --compatible needs a sample file: --sample SAMPLE");
+        if (o.compatible && o.fullCheck)
+            return Fail(result, "--full-check is for the thorough repair; drop --compatible");
     } else if (verb == "remux") {
         o.command = CliCommand::kRemux;
         if (!o.sample.empty()) return Fail(result, "remux uses no sample; drop --sample or use repair");

@@ -168,7 +168,8 @@ std::string HostApp::ProgressStyle() const {
 
 std::vector<std::string> HostApp::WorkerArgs(const Pending& pending) const {
     std::string label = fs::u8path(pending.plan.input).filename().u8string();
-    if (total_ > 1) label = "[" + std::to_string(pending.index + 1) + "/" + std::to_string(pending_.size()) + "] " + label;
+    if (total_ > 1)
+        label = "[" + std::to_string(pending.index + 1) + "/" + std::to_string(pending_.size()) + "] " + label;
     std::vector<std::string> args = WorkerArguments(options_);
     // name=value forms, so that a name starting with '-' is never taken for an option.
     args.push_back("--worker=" + workDirectory_.FileDirectory(pending.index));

@@ -58,7 +58,8 @@ void InputPlan::Walk(const std::string& folder, std::vector<std::string>& found,
     bool thorough = options_.command == CliCommand::kRepair && !options_.compatible;
     std::vector<std::string> files;
     std::error_code ec;
-    for (fs::recursive_directory_iterator it(fs::u8path(folder), fs::directory_options::skip_permission_denied, ec), end;
+    for (fs::recursive_directory_iterator it(fs::u8path(folder), fs::directory_options::skip_permission_denied, ec),
+         end;
          !ec && it != end; it.increment(ec)) {
         // Results written into -o must not become inputs of a rerun.
         if (outputIsDirectory_ && it->is_directory(ec) && SameFile(it->path().u8string(), options_.output)) {

@@ -68,7 +68,8 @@ Poco::JSON::Object::Ptr FactsJson(const MediaFacts& facts) {
     object->set("durationSeconds", facts.durationSeconds);
     object->set("packets", facts.packets);
     object->set("videoPackets", facts.videoPackets);
-    object->set("decodedFrames", facts.decodedFrames >= 0 ? Poco::Dynamic::Var(facts.decodedFrames) : Poco::Dynamic::Var());
+    object->set("decodedFrames",
+                facts.decodedFrames >= 0 ? Poco::Dynamic::Var(facts.decodedFrames) : Poco::Dynamic::Var());
     Poco::JSON::Array::Ptr streams = new Poco::JSON::Array;
     for (const StreamFacts& stream : facts.streams) {
         Poco::JSON::Object::Ptr s = new Poco::JSON::Object;
@@ -105,8 +106,10 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     object->set("advice", TextOrNull(file.advice));
     object->set("note", TextOrNull(file.note));
     object->set("seconds", file.seconds);
-    object->set("damagedFrames", file.damagedFrames >= 0 ? Poco::Dynamic::Var(file.damagedFrames) : Poco::Dynamic::Var());
-    object->set("repairedFrames", file.repairedFrames >= 0 ? Poco::Dynamic::Var(file.repairedFrames) : Poco::Dynamic::Var());
+    object->set("damagedFrames",
+                file.damagedFrames >= 0 ? Poco::Dynamic::Var(file.damagedFrames) : Poco::Dynamic::Var());
+    object->set("repairedFrames",
+                file.repairedFrames >= 0 ? Poco::Dynamic::Var(file.repairedFrames) : Poco::Dynamic::Var());
     Poco::JSON::Array::Ptr lost = new Poco::JSON::Array;
     for (const std::string& stream : file.lostStreams) lost->add(stream);
     object->set("lostStreams", lost);
@@ -119,7 +122,8 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     Poco::JSON::Object::Ptr report = new Poco::JSON::Object;
     if (file.probed) {
         report->set("damaged", FactsJson(file.damaged));
-        report->set("repaired", file.repairedPath.empty() ? Poco::Dynamic::Var() : Poco::Dynamic::Var(FactsJson(file.repaired)));
+        report->set("repaired",
+                    file.repairedPath.empty() ? Poco::Dynamic::Var() : Poco::Dynamic::Var(FactsJson(file.repaired)));
     }
     object->set("report", report);
     return object;
@@ -137,7 +141,8 @@ std::string CountRow(const char* role, const ThoroughMediaCount& count) {
 
 // What the thorough repair's judge chose, why, and what it counted on each side.
 std::string JudgeText(const JudgeReport& judge) {
-    std::string text = Format("  verdict   %s (judged in %s)\n", VerdictName(judge.verdict), Seconds(judge.seconds).c_str());
+    std::string text =
+        Format("  verdict   %s (judged in %s)\n", VerdictName(judge.verdict), Seconds(judge.seconds).c_str());
     if (!judge.reason.empty()) text += "  reason    " + judge.reason + "\n";
     text += Format("  %-9s %12s %10s %13s %10s\n", "", "video frames", "video", "audio packets", "audio");
     text += CountRow("damaged", judge.damaged);
@@ -219,7 +224,9 @@ bool ReadFileJsonLine(const std::string& text, FileResult& file) {
     try {
         Poco::JSON::Parser parser;
         Poco::JSON::Object::Ptr object = parser.parse(text).extract<Poco::JSON::Object::Ptr>();
-        auto textOf = [&](const char* key) { return object->isNull(key) ? std::string() : object->getValue<std::string>(key); };
+        auto textOf = [&](const char* key) {
+            return object->isNull(key) ? std::string() : object->getValue<std::string>(key);
+        };
         file.input = textOf("input");
         file.method = textOf("method");
         file.road = textOf("road");

@@ -28,7 +28,8 @@ bool RunDirectory::Create(const std::string& base, std::string& error) {
     Poco::Random random;
     random.seed();
     for (int attempt = 0; attempt < 100; ++attempt) {
-        fs::path run = root / ("run-" + std::to_string(Poco::Process::id()) + "-" + std::to_string(random.next(1000000)));
+        fs::path run =
+            root / ("run-" + std::to_string(Poco::Process::id()) + "-" + std::to_string(random.next(1000000)));
         if (fs::create_directory(run, ec) && !ec) {
             path_ = run.u8string();
             return true;
