@@ -2,6 +2,8 @@
 // JSON lines, a thorough repair and a remux end to end, and Ctrl-C.
 #include <gtest/gtest.h>
 
+#include <Poco/Environment.h>
+
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -412,4 +414,23 @@ TEST(CliSignals, SecondCtrlCQuitsAtOnceAndLeavesNoIntermediates) {
     EXPECT_EQ(process.Wait(), 130);
     EXPECT_NE(process.err.find("quitting at once"), std::string::npos) << process.err;
     EXPECT_EQ(EntriesIn(dir.file("work")), 0u);
+}
+
+// A run killed outright (SIGKILL, a crash) cannot clean up: the next run on the
+// machine removes what it left, and never another live run's folder.
+TEST(CliSignals, TheNextRunRemovesWhatAKilledRunLeft) {
+    TempDir dir("cli");
+    std::string host = Poco::Environment::nodeName();
+    std::string gone = dir.file("work/run-" + host + "-2147483646-1");
+    std::string alive = dir.file("work/run-" + host + "-" + std::to_string(getpid()) + "-1");
+    std::string elsewhere = dir.file("work/run-other-machine-2147483646-1");
+    for (const std::string& run : {gone, alive, elsewhere}) {
+        fs::create_directories(run);
+        WriteFile(run + "/intermediate.avi", "bytes");
+    }
+    WriteFile(dir.file("clip.mkv"), "bytes");
+    RunCli({"remux", dir.file("clip.mkv"), "--work-dir", dir.file("work")});
+    EXPECT_FALSE(fs::exists(gone));
+    EXPECT_TRUE(fs::exists(alive));
+    EXPECT_TRUE(fs::exists(elsewhere));
 }

@@ -45,6 +45,9 @@ void Forward(int pid, Request request);
 // Ends a worker and every child it started, at once.
 void KillWorker(int pid);
 
+// False only when no process with this id exists.
+bool ProcessExists(int pid);
+
 // True when a question can be asked and answered (standard input and standard
 // error are terminals).
 bool CanAsk();

@@ -1,5 +1,6 @@
 #include "Console.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
@@ -91,6 +92,8 @@ void KillWorker(int pid) {
     kill(-pid_t(pid), SIGKILL);  // its group: the worker and the ffmpeg it started
     kill(pid_t(pid), SIGKILL);   // in case it had not left our group yet
 }
+
+bool ProcessExists(int pid) { return kill(pid_t(pid), 0) == 0 || errno != ESRCH; }
 
 bool CanAsk() { return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1; }
 

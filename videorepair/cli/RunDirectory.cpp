@@ -1,15 +1,46 @@
 #include "RunDirectory.h"
 
+#include <Poco/Environment.h>
 #include <Poco/Path.h>
 #include <Poco/Process.h>
 #include <Poco/Random.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 #include "Console.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// "run-HOST-": a work directory on shared storage holds other machines' runs,
+// whose process ids mean nothing here.
+std::string RunPrefix() {
+    std::string host;
+    try {
+        host = Poco::Environment::nodeName();
+    } catch (const std::exception&) {
+    }
+    return "run-" + (host.empty() ? std::string("host") : host) + "-";
+}
+
+// Runs of this machine whose process is gone (killed outright, or the machine
+// stopped) left their intermediates: they go now.
+void RemoveAbandonedRuns(const fs::path& root) {
+    const std::string prefix = RunPrefix();
+    std::error_code ec;
+    for (fs::directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+        std::string name = it->path().filename().u8string();
+        if (name.rfind(prefix, 0) != 0) continue;
+        int pid = std::atoi(name.c_str() + prefix.size());
+        std::error_code ignored;
+        if (pid > 0 && !console::ProcessExists(pid)) fs::remove_all(it->path(), ignored);
+    }
+}
+
+}  // namespace
 
 bool RunDirectory::Create(const std::string& base, std::string& error) {
     fs::path root = base.empty() ? fs::u8path(Poco::Path::temp()) / ("videorepair-" + console::UserTag())
@@ -25,6 +56,7 @@ bool RunDirectory::Create(const std::string& base, std::string& error) {
                 " (name another with --work-dir)";
         return false;
     }
+    RemoveAbandonedRuns(root);
     Poco::Random random;
     random.seed();
     for (int attempt = 0; attempt < 100; ++attempt) {

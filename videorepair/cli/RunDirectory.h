@@ -1,6 +1,7 @@
 // The work directory of one run: a folder of this user's (0700) holding a
 // folder per run, itself one per file, where the library makes its
-// intermediates and writes its log. Removed whatever way the run ends.
+// intermediates and writes its log. Removed whatever way the run ends; runs
+// of this machine whose process was killed outright are removed by the next.
 #pragma once
 
 #include <string>
