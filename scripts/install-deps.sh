@@ -9,7 +9,8 @@ else
   # dpkg-dev and file: `cpack -G DEB` finds the programs in the package with file and reads
   # their library dependencies with dpkg-shlibdeps.
   packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
-            googletest libgtest-dev libgmock-dev mkvtoolnix dpkg-dev file)
+            googletest libgtest-dev libgmock-dev mkvtoolnix dpkg-dev file
+            libcli11-dev)  # libcli11-dev: the videorepair tool's option parser (header-only)
 fi
 
 missing=()

@@ -139,10 +139,12 @@ TEST_F(WmvWriters, LongHeaderGetsNoPaddingAndKeepsItsBytes) {
     EXPECT_EQ(avi.size(), 1112u + 16 + 2);
 }
 
-TEST_F(WmvWriters, UnreadableRecordIsReportedAndSkipped) {
-    testing::internal::CaptureStderr();
+// Standard output belongs to the host (the tool's JSON lines): the library says
+// nothing there.
+TEST_F(WmvWriters, UnreadableRecordIsSkippedWithoutAWordOnStandardOutput) {
+    testing::internal::CaptureStdout();
     std::string avi = Avi({Record(250, 20, 1), Record(0, 2, 2)}, Video("WMV2", 0));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("read buf failed"), std::string::npos);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(U32At(avi, 1024 + 12), 20u);  // the size stays as counted
     EXPECT_EQ(avi.substr(1024 + 16, 4), "00dc");
     EXPECT_EQ(U32At(avi, 48), 2u);

@@ -43,10 +43,13 @@ RepairSession::~RepairSession() {
     }
     watchWake_.notify_all();
     if (watcher_.joinable()) watcher_.join();
+    if (verbose_) ShowNewLogLines();
     if (manager_ != nullptr) manager_->Release();  // hosts release, never delete, the manager
 }
 
-bool RepairSession::Open(const std::string& logDirectory, const std::string& workDirectory, std::string& error) {
+bool RepairSession::Open(const std::string& logDirectory, const std::string& workDirectory, bool verbose,
+                         std::string& error) {
+    verbose_ = verbose;
     if (InitKzVideoRepairLib(&manager_) != 0 || manager_ == nullptr) {
         error = "the repair library could not make its manager";
         return false;
@@ -88,7 +91,6 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const RepairRequest
         outcome.judged = true;
     }
     outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    display_.End();
     outcome.started = observer_.started.load();
     outcome.cancelled = CancelRequested();
     if (outcome.result == 0) {
@@ -119,9 +121,15 @@ void RepairSession::Watch() {
     std::unique_lock<std::mutex> guard(watchLock_);
     while (!stopWatching_) {
         HandleRequests();
+        if (verbose_) ShowNewLogLines();
         display_.Tick();
         watchWake_.wait_for(guard, kWatchInterval);
     }
+}
+
+void RepairSession::ShowNewLogLines() {
+    std::string lines = log_.TakeNewLines();
+    if (!lines.empty()) display_.Note(lines);
 }
 
 void RepairSession::HandleRequests() {

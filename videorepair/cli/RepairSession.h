@@ -47,7 +47,8 @@ public:
     RepairSession& operator=(const RepairSession&) = delete;
 
     // Loads the manager and initialises it; false with the reason in error.
-    bool Open(const std::string& logDirectory, const std::string& workDirectory, std::string& error);
+    // verbose: the library's log lines are shown as they are written.
+    bool Open(const std::string& logDirectory, const std::string& workDirectory, bool verbose, std::string& error);
 
     RepairOutcome Run(const std::string& damaged, const RepairRequest& request, const std::string& label);
 
@@ -77,6 +78,7 @@ private:
 
     void Watch();
     void HandleRequests();
+    void ShowNewLogLines();
 
     ProgressDisplay& display_;
     Observer observer_;
@@ -86,6 +88,7 @@ private:
     std::mutex watchLock_;
     std::condition_variable watchWake_;
     bool stopWatching_ = false;
+    bool verbose_ = false;
     std::atomic<bool> cancelRequested_{false};
     int interruptsSeen_ = 0;
     int pauseTogglesSeen_ = 0;

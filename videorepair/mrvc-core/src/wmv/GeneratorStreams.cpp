@@ -1,7 +1,5 @@
 #include "wmv/GeneratorStreams.h"
 
-#include <iostream>
-
 #include "platform/Platform.h"
 
 namespace wmv {
@@ -41,12 +39,12 @@ void GeneratorStreams::Zeros(size_t n) {
     }
 }
 
-// A record the file cannot give whole is reported on the console (standard error,
-// so that a host's standard output stays its own) and skipped.
+// A record the file cannot give whole is reported on the console, never on
+// standard output (a host may be writing its own results there), and skipped.
 bool GeneratorStreams::ReadRecord(const PayloadRecord& record, std::vector<char>& buffer) {
     buffer.resize(size_t(record.size));
     if (input_.ReadAt(record.offset, buffer.data(), buffer.size()) == int64_t(buffer.size())) return true;
-    std::cerr << "read buf failed" << std::endl;
+    platform::DebugTrace("read buf failed");
     return false;
 }
 
