@@ -413,10 +413,16 @@ int WmvAdvanceRepair::ExtractSamples(const wmv::PayloadList& list, const std::ws
 
 // ---- ffmpeg ----
 
-// The carved frames at the frame rate the AVI announces.
+// All that the AVI holds, at the rate its header announces (doubled for some
+// codecs, not for others such as VC-1), and a quarter of a frame more so that
+// rounding never cuts the last one.
 double WmvAdvanceRepair::MergeDuration() const {
-    return double(CountFrames(videoSamples_)) / chosenVideo_.frameRate;
+    const uint32_t frames = uint32_t(CountFrames(videoSamples_));
+    const double seconds = wmv::AviGenerator::Seconds(frames, chosenVideo_.frameRate, chosenVideo_.codec);
+    if (seconds <= 0) return double(frames) / chosenVideo_.frameRate;
+    return seconds * (frames + 0.25) / std::max<uint32_t>(frames, 1);
 }
+
 
 int WmvAdvanceRepair::RunFfmpeg(const char* what, const std::vector<std::string>& args, int limitSeconds) {
     const std::wstring ffmpeg = app_paths::FfmpegPath();

@@ -23,6 +23,9 @@ public:
 
     // The rate of the stream header for a frame rate and codec (scale 1000).
     static uint32_t StreamRate(double frameRate, const std::string& codec);
+    // How long players take the file to last: two chunks per frame (the empty one
+    // first) at that rate; 0 where the rate is 0.
+    static double Seconds(uint32_t frames, double frameRate, const std::string& codec);
 
 private:
     void WriteHeader();
