@@ -133,7 +133,7 @@ void FileRepair::PlaceResult(RepairSession& session, const std::string& damagedV
             return;
         }
     }
-    if (landing != destination && !work_files::MoveFile(landing, destination, error)) {
+    if (landing != destination && !work_files::MoveResult(landing, destination, error)) {
         file.status = "save-failed";
         file.exitCode = exit_codes::kSaveFailed;
         file.error = "could not move the result to " + destination + ": " + error;

@@ -79,7 +79,7 @@ std::string MakeView(const std::string& source, const std::string& directory, co
     return view.u8string();
 }
 
-bool MoveFile(const std::string& from, const std::string& to, std::string& error) {
+bool MoveResult(const std::string& from, const std::string& to, std::string& error) {
     std::error_code ec;
     fs::rename(fs::u8path(from), fs::u8path(to), ec);
     if (!ec) return true;

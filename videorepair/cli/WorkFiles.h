@@ -24,7 +24,7 @@ std::string MakeView(const std::string& source, const std::string& directory, co
                      std::string& error);
 
 // Moves a file (a rename, or a copy then a removal across file systems).
-bool MoveFile(const std::string& from, const std::string& to, std::string& error);
+bool MoveResult(const std::string& from, const std::string& to, std::string& error);
 
 // The folder's name for a file: what a user calls "the folder of X".
 std::string FolderOf(const std::string& path);
