@@ -6,7 +6,9 @@ set -euo pipefail
 if [ $# -gt 0 ]; then
   packages=("$@")
 else
-  packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
+  # libswscale-dev: the command-line host scales the repaired video's frames for
+  # its report page and contact sheet.
+  packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev libswscale-dev ffmpeg
             googletest libgtest-dev libgmock-dev mkvtoolnix)
 fi
 

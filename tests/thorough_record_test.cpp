@@ -36,5 +36,5 @@ TEST(RepairRecordTest, JsonNamesEveryRangeAndGap) {
     EXPECT_EQ(record.ToJson(),
               "{\"fileSize\":4096,\"ranges\":[{\"offset\":0,\"length\":512,\"kind\":\"unreadable\"},"
               "{\"offset\":512,\"length\":0,\"kind\":\"restored\",\"note\":\"a \\\"header\\\"\"}],"
-              "\"gaps\":[{\"stream\":\"video\",\"start\":1.500,\"end\":2.250}]}");
+              "\"gaps\":[{\"stream\":\"video\",\"start\":1.500,\"end\":2.250}],\"streams\":[],\"warnings\":[]}");
 }

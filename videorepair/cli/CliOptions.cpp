@@ -17,6 +17,8 @@ const ValueOption kValueOptions[] = {
     {"-o", "--output", &CliOptions::output},
     {"", "--log-dir", &CliOptions::logDirectory},
     {"", "--work-dir", &CliOptions::workDirectory},
+    {"", "--report", &CliOptions::report},
+    {"", "--contact-sheet", &CliOptions::contactSheet},
 };
 
 const ValueOption* FindValueOption(const std::string& name) {
@@ -164,6 +166,10 @@ std::string HelpText() {
             "                       (default: $TMPDIR/VR, or /tmp/VR)\n"
             "      --json           print one JSON object with every result on standard output;\n"
             "                       progress then goes to standard error\n"
+            "      --report PAGE    write a page that shows what was saved: the damaged file's\n"
+            "                       bytes by what became of them, the gaps, frames of the\n"
+            "                       result; with several files PAGE indexes one page per file\n"
+            "      --contact-sheet PNG  the repaired video's frames, with their times, as one image\n"
             "  -q, --quiet          no progress display\n"
             "  -h, --help           this text\n"
             "  -V, --version        the program's version\n"

@@ -17,6 +17,8 @@ struct CliOptions {
     bool fullCheck = false;   // thorough repair: the judge decodes every video frame
     bool json = false;
     bool quiet = false;  // no progress display
+    std::string report;        // --report: the page (an index page for several files)
+    std::string contactSheet;  // --contact-sheet: the frames as one PNG
 };
 
 struct ParsedCommandLine {

@@ -58,7 +58,9 @@ std::string UnreadableReason(const std::string& path) {
 }
 
 HostApp::HostApp(CliOptions options)
-    : options_(std::move(options)), display_(options_.json ? stderr : stdout, StyleFor(options_)) {
+    : options_(std::move(options)),
+      display_(options_.json ? stderr : stdout, StyleFor(options_)),
+      reports_(options_.report, options_.contactSheet, options_.inputs.size()) {
     run_.command = options_.command == CliCommand::kRepair ? "repair" : "remux";
     if (options_.command == CliCommand::kRepair) run_.road = options_.compatible ? "compatible" : "thorough";
     run_.sample = options_.sample;
@@ -206,6 +208,7 @@ FileResult HostApp::Process(RepairSession& session, const std::string& input, si
                                                           : RepairRoad::kCompatible;
     request.sample = options_.sample;
     request.fullCheck = options_.fullCheck;
+    if (Thorough()) request.recordPath = reports_.RecordPathFor(options_.workDirectory, position);
     if (Thorough() && !options_.output.empty()) {
         // The library writes straight there, so nothing is left beside the damaged file.
         request.outputPath = DestinationFor(input);
@@ -273,6 +276,7 @@ int HostApp::Run() {
         if (IsFailure(file) && file.status != "skipped") {
             std::fprintf(stderr, "videorepair: %s: %s\n", file.input.c_str(), file.error.c_str());
         }
+        reports_.AfterFile(file, run_, file.libraryCalled && Thorough() ? reports_.RecordPathFor(options_.workDirectory, i) : "", i);
         if (!options_.json) PrintFileReport(stdout, file, run_);
         run_.files.push_back(file);
     }
@@ -293,6 +297,7 @@ int HostApp::Finish() {
         }
         if (run_.cancelled) run_.exitCode = exit_codes::kCancelled;
     }
+    reports_.Finish(run_);
     if (options_.json) {
         PrintJson(stdout, run_);
     } else if (run_.files.size() > 1) {

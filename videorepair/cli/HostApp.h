@@ -8,6 +8,7 @@
 
 #include "CliOptions.h"
 #include "ProgressDisplay.h"
+#include "ReportRun.h"
 #include "ResultOutput.h"
 
 class HostApp {
@@ -33,6 +34,7 @@ private:
     RunSummary run_;
     bool outputIsDirectory_ = false;
     std::set<std::string> destinationsUsed_;
+    ReportRun reports_;
 };
 
 // Missing, not a file, or unreadable: the reason; empty when it can be read.

@@ -99,6 +99,7 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     object->set("damaged", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.damaged)) : none);
     object->set("repaired", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.repaired)) : none);
     object->set("judgeSeconds", file.judged ? Poco::Dynamic::Var(file.judge.seconds) : none);
+    if (file.map.loaded) object->set("map", MapJson(file.map));
     Poco::JSON::Object::Ptr report = new Poco::JSON::Object;
     if (file.probed) {
         report->set("damaged", FactsJson(file.damaged));

@@ -14,6 +14,7 @@
 #include "platform/Platform.h"
 #include "thorough/Demuxer.h"
 #include "thorough/RemuxPass.h"
+#include "thorough/TimelineSurvey.h"
 
 namespace thorough {
 namespace {
@@ -83,7 +84,8 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     if (sample.Load(job_.samplePath)) Log(kLogInfo, "[Thorough] sample streams:", std::to_string(sample.Streams().size()));
     control_.Progress(plan_.rebuild.from);
 
-    Candidate asIs{kVerdictAsIs, std::wstring(), {}, true};
+    Candidate asIs{kVerdictAsIs, std::wstring(), {}, true, std::make_shared<RepairRecord>()};
+    asIs.record->AddRange(0, size_, RangeKind::kRecovered);
     bool asIsCounted = false;
     AsIsCounter counter(job_.damagedPath, sample, control_, job_.fullDecodeCheck);
     std::vector<Candidate> candidates{Rebuild(sample, counter, asIs, asIsCounted)};
@@ -103,6 +105,7 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     bool kept = Keep(best);
     RemoveTemporaries(best.path);
     if (!kept) return -1;
+    RecordWhatWasKept(best);
     control_.Progress(100);
     return 0;
 }
@@ -146,6 +149,8 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
     }
     PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.rebuild};
     candidate.path = TemporaryPath();
+    candidate.record = std::make_shared<RepairRecord>();
+    settings.record = candidate.record.get();
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
@@ -204,7 +209,7 @@ Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate&
     CarveContext context{asIsReadsOwnFormat_, asIs.count, &control_, {plan_.carver.from, middle}};
     std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
     if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
-    Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to});
+    Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to}, true);
     if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
     return candidate;
 }
@@ -226,12 +231,17 @@ Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& s
         size = platform::Seek(fd, 0, SEEK_END);
         platform::Close(fd);
     }
-    return Write(sample, input, size, progress);
+    return Write(sample, input, size, progress, false);
 }
 
-Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress) {
+Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
+                                bool fromDamagedFile) {
     Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false};
     PassSettings settings{job_.fullDecodeCheck, false, size, progress};
+    if (fromDamagedFile) {
+        candidate.record = std::make_shared<RepairRecord>();
+        settings.record = candidate.record.get();
+    }
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
@@ -268,6 +278,21 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
     if (strategy_ && !strategy_->Remark().empty()) outcome.reason += "; " + strategy_->Remark();
     Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
     Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));
+}
+
+// The kept candidate's own record becomes the repair's (beside what the reading
+// itself noted, such as unreadable ranges), and the kept file's timeline is walked
+// once, without decoding, for its streams and holes.
+void ThoroughRepair::RecordWhatWasKept(const Candidate& best) {
+    if (best.record) {
+        record_.AddFrom(*best.record);
+    } else {
+        record_.AddWarning("the container's carving repair rebuilt the file; which bytes of the damaged file it "
+                           "used is not known");
+    }
+    if (best.kind == kVerdictAsIs) record_.AddWarning("no rebuilt file played better: the damaged file was kept as it is");
+    if (!TimelineSurvey::Survey(job_.outputPath, record_))
+        record_.AddWarning("the repaired file's timeline could not be read");
 }
 
 void ThoroughRepair::WriteRecord(ThoroughOutcome& outcome) const {

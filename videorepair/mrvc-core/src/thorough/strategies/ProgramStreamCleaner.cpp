@@ -84,9 +84,12 @@ void ProgramStreamCleaner::Emit(const uint8_t* d, size_t n, bool reachesEnd, con
     if (!emitted_ && unit.kind != ps::UnitKind::kPack) {
         pending_ = ps::SyntheticPackHeader(LeadingForm(d, n, reachesEnd, unit));
         madeUpPack_ = true;
+        map_.AddPutIn(int64_t(pending_.size()));
+        putIn_.push_back({reader_.Position(), int64_t(pending_.size()), RangeKind::kRestored, "pack header made up"});
         VR_LOG(log_, kLogInfo, "Program stream lost its first pack header; made one up before", reader_.Position());
     }
     emitted_ = true;
+    map_.Add(reader_.Position(), int64_t(unit.size));
     pending_.insert(pending_.end(), d, d + unit.size);
 }
 

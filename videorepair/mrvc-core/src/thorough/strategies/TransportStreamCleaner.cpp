@@ -131,6 +131,7 @@ void TransportStreamCleaner::Emit(const uint8_t* packet) {
     if (start > covered_) skipped_ += start - covered_;
     covered_ = std::min(start + packetSize_, reader_.Size());
     Watch(packet);
+    map_.Add(cursor_, ts::kPacketBytes);
     Append(packet);
 }
 
@@ -163,8 +164,11 @@ void TransportStreamCleaner::Watch(const uint8_t* packet) {
 void TransportStreamCleaner::Inject() {
     for (TsProgramTables::Packet packet : tables_.Packets()) {
         ts::SetContinuity(packet.data(), 0);
+        map_.AddPutIn(ts::kPacketBytes);
         Append(packet.data());
     }
+    putIn_.push_back({cursor_, int64_t(tables_.Packets().size()) * ts::kPacketBytes, RangeKind::kRestored,
+                      "PAT and PMT from the sample"});
     injected_ = true;
     VR_LOG(log_, kLogInfo, "PAT/PMT from the sample put in front", int32_t(tables_.Packets().size()));
 }

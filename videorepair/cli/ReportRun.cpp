@@ -1,0 +1,67 @@
+#include "ReportRun.h"
+
+#include <Poco/Path.h>
+#include <Poco/Process.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "ContactSheet.h"
+#include "RecordReader.h"
+
+std::string ReportRun::RecordPathFor(const std::string& workDirectory, size_t position) const {
+    return Poco::Path(Poco::Path(workDirectory).makeDirectory(),
+                      ".record-" + std::to_string(Poco::Process::id()) + "-" + std::to_string(position) + ".json")
+        .toString();
+}
+
+std::string ReportRun::SheetPathFor(size_t position, const std::string& input) const {
+    if (inputs_ <= 1) return sheetPath_;
+    Poco::Path sheet(sheetPath_);
+    std::string name = sheet.getBaseName() + "-" + std::to_string(position + 1) + "-" + Poco::Path(input).getBaseName();
+    Poco::Path named(sheet.parent(), name);
+    named.setExtension(sheet.getExtension().empty() ? "png" : sheet.getExtension());
+    return named.toString();
+}
+
+void ReportRun::AfterFile(FileResult& file, const RunSummary& run, const std::string& recordPath, size_t position) {
+    if (!recordPath.empty()) {
+        file.map = ReadRepairMap(recordPath);
+        std::error_code ec;
+        std::filesystem::remove(std::filesystem::u8path(recordPath), ec);
+    }
+    if (reportPath_.empty() && sheetPath_.empty()) return;
+    std::vector<Thumbnail> thumbnails;
+    if (!file.repairedPath.empty()) thumbnails = contact_sheet::Take(file.repairedPath, file.map);
+    if (!sheetPath_.empty()) {
+        std::string png = contact_sheet::ComposePng(thumbnails);
+        std::string path = SheetPathFor(position, file.input);
+        if (png.empty()) {
+            std::fprintf(stderr, "videorepair: %s: no contact sheet: the repaired file has no video frame to show\n",
+                         file.input.c_str());
+        } else if (!report_page::WriteFile(path, png)) {
+            std::fprintf(stderr, "videorepair: cannot write the contact sheet %s\n", path.c_str());
+        }
+    }
+    if (reportPath_.empty()) return;
+    std::string page = inputs_ <= 1 ? reportPath_ : report_page::PagePathFor(reportPath_, position, file.input);
+    if (!report_page::WriteFile(page, report_page::FileHtml(file, run, file.map, thumbnails)))
+        std::fprintf(stderr, "videorepair: cannot write the report page %s\n", page.c_str());
+    std::string link = std::filesystem::u8path(page).lexically_relative(
+                           std::filesystem::u8path(reportPath_).parent_path()).generic_u8string();
+    entries_.push_back({link, nullptr, file.map.BytesOf("recovered"), file.map.fileSize, file.map.gaps.size()});
+    positions_.push_back(position);
+}
+
+void ReportRun::Finish(const RunSummary& run) {
+    if (reportPath_.empty() || inputs_ <= 1) return;
+    // The results moved into the run while files were processed; point at them now.
+    std::vector<report_page::IndexEntry> entries;
+    for (size_t i = 0; i < entries_.size(); ++i) {
+        if (positions_[i] >= run.files.size()) continue;
+        entries.push_back(entries_[i]);
+        entries.back().file = &run.files[positions_[i]];
+    }
+    if (!report_page::WriteFile(reportPath_, report_page::IndexHtml(run, entries)))
+        std::fprintf(stderr, "videorepair: cannot write the report page %s\n", reportPath_.c_str());
+}
