@@ -30,6 +30,9 @@ public:
     // What the source put in that the file did not have (tables, headers), as
     // restored ranges for the record of the repair.
     virtual std::vector<RecordRange> PutIn() const { return {}; }
+    // Where the source stepped over the file's bytes, by file offset; a packet read
+    // across such a stretch never took anything from it.
+    virtual std::vector<RecordRange> SkippedRanges() const { return {}; }
 };
 
 }  // namespace thorough

@@ -35,6 +35,8 @@ public:
     virtual int64_t FilePosition(const AVPacket* packet) const { return packet->pos; }
     // What the source put in that the file did not have, for the record.
     virtual std::vector<RecordRange> PutIn() const { return {}; }
+    // Stretches of the damaged file the source stepped over, by file offset.
+    virtual std::vector<RecordRange> SkippedRanges() const { return {}; }
 };
 
 }  // namespace thorough

@@ -3,6 +3,25 @@
 #include <algorithm>
 
 namespace thorough {
+namespace {
+
+// spans less the stretches the source stepped over (both in file order).
+std::vector<PassRecorder::Span> Without(const std::vector<PassRecorder::Span>& spans,
+                                        const std::vector<RecordRange>& skips) {
+    std::vector<PassRecorder::Span> out;
+    size_t k = 0;
+    for (PassRecorder::Span span : spans) {
+        while (k < skips.size() && skips[k].offset + skips[k].length <= span.start) ++k;
+        for (size_t j = k; j < skips.size() && skips[j].offset < span.end; ++j) {
+            if (skips[j].offset > span.start) out.push_back({span.start, skips[j].offset});
+            span.start = std::max(span.start, skips[j].offset + skips[j].length);
+        }
+        if (span.end > span.start) out.push_back(span);
+    }
+    return out;
+}
+
+}  // namespace
 
 void PassRecorder::Packet(int64_t position, int64_t size) {
     if (position < 0 || size <= 0) return;
@@ -35,6 +54,7 @@ void PassRecorder::Finish(const PacketSource& input, int64_t readUpTo, RepairRec
     if (!merged.empty() && merged.front().start <= kStructureBytes) merged.front().start = 0;
     if (!merged.empty() && readUpTo - merged.back().end <= kStructureBytes)
         merged.back().end = std::max(merged.back().end, readUpTo);
+    merged = Without(merged, input.SkippedRanges());
     int64_t covered = 0;
     for (const Span& span : merged) {
         if (span.start > covered) record.AddRange(covered, std::min(span.start, readUpTo) - covered, RangeKind::kSkipped);

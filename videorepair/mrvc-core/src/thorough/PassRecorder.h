@@ -24,10 +24,11 @@ public:
     // readUpTo: how far the pass got through the damaged file.
     void Finish(const PacketSource& input, int64_t readUpTo, RepairRecord& record);
 
-private:
     struct Span {
         int64_t start, end;
     };
+
+private:
     std::vector<Span> spans_;
     std::vector<RecordRange> restored_;
 };

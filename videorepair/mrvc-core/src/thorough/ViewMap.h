@@ -6,7 +6,26 @@
 #include <cstdint>
 #include <vector>
 
+#include "thorough/RepairRecord.h"
+
 namespace thorough {
+
+// Stretches of the file stepped over, in file order, neighbours joined.
+class SkipList {
+public:
+    void Add(int64_t offset, int64_t length) {
+        if (length <= 0) return;
+        if (!ranges_.empty() && ranges_.back().offset + ranges_.back().length == offset) {
+            ranges_.back().length += length;
+            return;
+        }
+        ranges_.push_back({offset, length, RangeKind::kSkipped, std::string()});
+    }
+    const std::vector<RecordRange>& Ranges() const { return ranges_; }
+
+private:
+    std::vector<RecordRange> ranges_;
+};
 
 class ViewMap {
 public:

@@ -74,6 +74,7 @@ ProgramStreamCleaner::Step ProgramStreamCleaner::Next() {
     skipping_ = true;
     const size_t skip = std::max<size_t>(ps::FindUnit(d, n, 1, reachesEnd), 1);
     skipped_ += int64_t(skip);
+    skips_.Add(reader_.Position(), int64_t(skip));
     reader_.Advance(int64_t(skip));
     return Step::kSkipped;
 }

@@ -34,6 +34,7 @@ public:
     bool ChangedAnything() const override { return skipped_ > 0 || madeUpPack_; }
     int64_t FileOffset(int64_t viewOffset) const override { return map_.FileOffset(viewOffset); }
     std::vector<RecordRange> PutIn() const override { return putIn_; }
+    std::vector<RecordRange> SkippedRanges() const override { return skips_.Ranges(); }
 
     // The form of the first valid pack header in the file's first window.
     ps::PackForm FilePackForm() const { return fileForm_; }
@@ -53,6 +54,7 @@ private:
     ps::PackForm fileForm_ = ps::PackForm::kUnknown;
     RepairLog* log_;
     ViewMap map_;
+    SkipList skips_;
     std::vector<RecordRange> putIn_;
     std::vector<uint8_t> pending_;
     size_t pendingAt_ = 0;

@@ -38,6 +38,7 @@ public:
     bool ChangedAnything() const override { return skipped_ > 0 || injected_; }
     int64_t FileOffset(int64_t viewOffset) const override { return map_.FileOffset(viewOffset); }
     std::vector<RecordRange> PutIn() const override { return putIn_; }
+    std::vector<RecordRange> SkippedRanges() const override { return skips_.Ranges(); }
 
 private:
     bool Produce();
@@ -73,6 +74,7 @@ private:
     bool injected_ = false;
 
     ViewMap map_;
+    SkipList skips_;
     std::vector<RecordRange> putIn_;
     std::vector<uint8_t> pending_;
     size_t pendingAt_ = 0;
