@@ -86,14 +86,17 @@ std::string FileBarSvg(const RepairMap& map) {
     std::string svg = "<svg class=\"damage-map\" xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + Number(kWidth) +
                       " " + Number(kBarHeight + 22) + "\" width=\"100%\" role=\"img\" aria-label=\"damage map\">";
     svg += Rect(0, 0, kWidth, kBarHeight, ColourOf("unused"), "not reached by the repair");
-    // Restorations go on top, at least a few pixels wide, or they would vanish.
-    for (int pass = 0; pass < 2; ++pass) {
+    // Unreadable stretches and then restorations go on top of what a pass made of
+    // the same bytes; restorations at least a few pixels wide, or they would vanish.
+    const char* const layers[] = {"", "unreadable", "restored"};
+    for (const char* layer : layers) {
         for (const MapRange& r : map.ranges) {
             bool restored = r.kind == "restored";
-            if (restored != (pass == 1)) continue;
+            bool onLayer = r.kind == layer || (*layer == '\0' && !restored && r.kind != "unreadable");
+            if (!onLayer) continue;
             double x = double(r.offset) / size * kWidth, w = double(r.length) / size * kWidth;
             w = std::max(w, restored ? 4.0 : 0.5);
-            svg += Rect(std::min(x, kWidth - w), restored ? 0 : 0, w, kBarHeight, ColourOf(r.kind), RangeTitle(r));
+            svg += Rect(std::min(x, kWidth - w), 0, w, kBarHeight, ColourOf(r.kind), RangeTitle(r));
         }
     }
     svg += Text(0, kBarHeight + 16, "0");

@@ -208,7 +208,7 @@ FileResult HostApp::Process(RepairSession& session, const std::string& input, si
                                                           : RepairRoad::kCompatible;
     request.sample = options_.sample;
     request.fullCheck = options_.fullCheck;
-    if (Thorough()) request.recordPath = reports_.RecordPathFor(options_.workDirectory, position);
+    if (WantsRecord()) request.recordPath = reports_.RecordPathFor(options_.workDirectory, position);
     if (Thorough() && !options_.output.empty()) {
         // The library writes straight there, so nothing is left beside the damaged file.
         request.outputPath = DestinationFor(input);
@@ -276,7 +276,7 @@ int HostApp::Run() {
         if (IsFailure(file) && file.status != "skipped") {
             std::fprintf(stderr, "videorepair: %s: %s\n", file.input.c_str(), file.error.c_str());
         }
-        reports_.AfterFile(file, run_, file.libraryCalled && Thorough() ? reports_.RecordPathFor(options_.workDirectory, i) : "", i);
+        reports_.AfterFile(file, run_, file.libraryCalled && WantsRecord() ? reports_.RecordPathFor(options_.workDirectory, i) : "", i);
         if (!options_.json) PrintFileReport(stdout, file, run_);
         run_.files.push_back(file);
     }

@@ -23,6 +23,8 @@ private:
     FileResult Process(class RepairSession& session, const std::string& input, size_t position);
     void Classify(const struct RepairOutcome& outcome, FileResult& file) const;
     bool Thorough() const { return options_.command == CliCommand::kRepair && !options_.compatible; }
+    // The record costs a walk over the repaired file: only for those who show it.
+    bool WantsRecord() const { return Thorough() && (options_.json || !options_.report.empty() || !options_.contactSheet.empty()); }
     std::string DestinationFor(const std::string& input);
     bool IsProtected(const std::string& path) const;  // an input or the sample
     void Fail(const std::string& message, int exitCode);

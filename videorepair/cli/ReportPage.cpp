@@ -184,9 +184,9 @@ std::string PagePathFor(const std::string& indexPath, size_t position, const std
     Poco::Path index(indexPath);
     Poco::Path folder(index.parent());
     folder.pushDirectory(index.getBaseName() + "-files");
-    char number[16];
-    std::snprintf(number, sizeof number, "%03zu-", position + 1);
-    return Poco::Path(folder, number + Poco::Path(input).getBaseName() + ".html").toString();
+    std::string number = std::to_string(position + 1);
+    number.insert(0, number.size() < 3 ? 3 - number.size() : 0, '0');
+    return Poco::Path(folder, number + "-" + Poco::Path(input).getBaseName() + ".html").toString();
 }
 
 bool WriteFile(const std::string& path, const std::string& bytes) {

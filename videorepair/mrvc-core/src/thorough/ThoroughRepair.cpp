@@ -291,7 +291,8 @@ void ThoroughRepair::RecordWhatWasKept(const Candidate& best) {
                            "used is not known");
     }
     if (best.kind == kVerdictAsIs) record_.AddWarning("no rebuilt file played better: the damaged file was kept as it is");
-    if (!TimelineSurvey::Survey(job_.outputPath, record_))
+    // The walk costs a read of the kept file: only for a caller who asked for the record.
+    if (!job_.recordPath.empty() && !TimelineSurvey::Survey(job_.outputPath, record_))
         record_.AddWarning("the repaired file's timeline could not be read");
 }
 
