@@ -61,7 +61,7 @@ std::string Legend() {
     return html + "</div>";
 }
 
-std::string Summary(const FileResult& file, const RepairMap& map) {
+std::string Summary(const RepairMap& map) {
     if (!map.loaded) return "<p class=\"summary\">The repair left no record of what it did.</p>";
     size_t videoGaps = 0;
     for (const MapGap& gap : map.gaps) videoGaps += gap.stream == "video" ? 1 : 0;
@@ -71,7 +71,6 @@ std::string Summary(const FileResult& file, const RepairMap& map) {
                                                       (map.gaps.size() == 1 ? "" : "s") + " (" +
                                                       std::to_string(videoGaps) + " in the video).";
     if (map.BytesOf("unreadable") > 0) text += " " + std::to_string(map.BytesOf("unreadable")) + " bytes could not be read.";
-    (void)file;
     return "<p class=\"summary\">" + Escaped(text) + "</p>";
 }
 
@@ -127,18 +126,20 @@ std::string Sheet(const RepairMap& map, const std::vector<Thumbnail>& thumbnails
                                                         : "No frame of the repaired file's video could be decoded.";
         return html + "<p class=\"novideo\">" + why + "</p>";
     }
-    html += "<div class=\"sheet\">";
+    std::string figures;
     for (const Thumbnail& t : thumbnails) {
         std::string png = EncodePng(t.picture);
         if (png.empty()) continue;
         std::string time = contact_sheet::TimeText(t.seconds);
-        html += std::string("<figure class=\"thumb") + (t.afterGap ? " after-gap" : "") + "\" data-seconds=\"" +
+        figures += std::string("<figure class=\"thumb") + (t.afterGap ? " after-gap" : "") + "\" data-seconds=\"" +
                 Format("%.3f", t.seconds) + "\"><img alt=\"frame at " + time + "\" width=\"" +
                 std::to_string(t.picture.width) + "\" height=\"" + std::to_string(t.picture.height) +
                 "\" src=\"data:image/png;base64," + Base64(png) + "\"><figcaption>" + time +
                 (t.afterGap ? " (after a gap)" : "") + "</figcaption></figure>";
     }
-    return html + "</div>";
+    // A build of libavcodec without its PNG encoder decodes the frames but cannot show them.
+    if (figures.empty()) return html + "<p class=\"novideo\">The frames could not be encoded as pictures.</p>";
+    return html + "<div class=\"sheet\">" + figures + "</div>";
 }
 
 std::string Page(const std::string& title, const std::string& body) {
@@ -154,7 +155,7 @@ std::string FileHtml(const FileResult& file, const RunSummary& run, const Repair
     body += "<p class=\"verdict\">" + Escaped(file.status) +
             (file.judged ? std::string(" &middot; the judge kept: ") + Escaped(file.judge.reason) : std::string()) + "</p>";
     if (!file.repairedPath.empty()) body += "<p>Repaired file: " + Escaped(file.savedPath.empty() ? file.repairedPath : file.savedPath) + "</p>";
-    body += Summary(file, map);
+    body += Summary(map);
     body += "<h2>The damaged file, byte by byte</h2>";
     body += map.loaded ? damage_map::FileBarSvg(map) : "<p>No record of the repair.</p>";
     body += Legend();
