@@ -274,7 +274,7 @@ TEST_F(BrowserTest, PageShowsMapLegendAndEveryThumbnail) {
     EXPECT_NE(html.find("class=\"damage-map\""), std::string::npos);
     EXPECT_NE(html.find("class=\"legend\""), std::string::npos);
     EXPECT_NE(html.find("class=\"timeline\""), std::string::npos);
-    for (const char* kind : {"recovered", "skipped", "unreadable", "restored from the sample"})
+    for (const char* kind : {"recovered: ", "skipped: ", "unreadable: ", "restored: "})
         EXPECT_NE(html.find(kind), std::string::npos) << kind;
     const size_t thumbnails = StatedTimes(html).size();
     EXPECT_GE(thumbnails, 14u);

@@ -17,7 +17,7 @@ const KindStyle kStyles[] = {
     {"recovered", "#16a34a", "recovered: in the repaired file"},
     {"skipped", "#f59e0b", "skipped: garbage, damage or old structure not used"},
     {"unreadable", "#dc2626", "unreadable: the device could not read these bytes"},
-    {"restored", "#7c3aed", "restored from the sample: headers, parameter sets"},
+    {"restored", "#7c3aed", "restored: headers and parameter sets put back"},
     {"unused", "#d4d4d8", "not reached by the repair"},
 };
 

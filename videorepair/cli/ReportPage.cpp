@@ -49,13 +49,21 @@ std::string Percent(int64_t part, int64_t whole) {
 
 std::string FileName(const std::string& path) { return Poco::Path(path).getFileName(); }
 
-std::string Legend() {
+// Each kind with its share of the damaged file, so the legend reads as a summary.
+std::string Legend(const RepairMap& map) {
     size_t count = 0;
     const damage_map::KindStyle* styles = damage_map::Styles(count);
     std::string html = "<div class=\"legend\">";
-    for (size_t i = 0; i < count; ++i)
+    for (size_t i = 0; i < count; ++i) {
+        std::string kind = styles[i].kind, share;
+        if (kind == "restored") {
+            share = " (" + std::to_string(map.BytesOf(kind)) + " bytes)";
+        } else if (kind != "unused" && map.loaded) {
+            share = " (" + Percent(map.BytesOf(kind), map.fileSize) + ")";
+        }
         html += std::string("<span><span class=\"swatch\" style=\"background:") + styles[i].colour + "\"></span>" +
-                Escaped(styles[i].label) + "</span>";
+                Escaped(styles[i].label + share) + "</span>";
+    }
     html += "<span><span class=\"swatch\" style=\"background:#2563eb\"></span>timeline: the stream plays</span>"
             "<span><span class=\"swatch\" style=\"background:#dc2626\"></span>timeline: a gap</span>";
     return html + "</div>";
@@ -158,7 +166,7 @@ std::string FileHtml(const FileResult& file, const RunSummary& run, const Repair
     body += Summary(map);
     body += "<h2>The damaged file, byte by byte</h2>";
     body += map.loaded ? damage_map::FileBarSvg(map) : "<p>No record of the repair.</p>";
-    body += Legend();
+    body += Legend(map);
     std::string timeline = damage_map::TimelineSvg(map);
     if (!timeline.empty()) body += "<h2>The repaired file's timeline</h2>" + timeline;
     body += Sheet(map, thumbnails);
