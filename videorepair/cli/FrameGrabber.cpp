@@ -78,26 +78,30 @@ bool FrameGrabber::Take(const FrameWanted& wanted, Thumbnail& out) {
     if (av_seek_frame(input_, stream_, target, wanted.afterGap ? 0 : AVSEEK_FLAG_BACKWARD) < 0 &&
         av_seek_frame(input_, stream_, target, AVSEEK_FLAG_BACKWARD) < 0)
         return false;
-    avcodec_flush_buffers(decoder_);
     PacketPtr packet(av_packet_alloc());
     FramePtr frame(av_frame_alloc());
     const double slack = 0.001;
-    // Without an index the seek lands anywhere: pictures before the next key frame
-    // would decode from nothing, grey and smeared.
-    bool keySeen = false;
+    // Only a key frame is decoded, on its own: no picture before or after it is
+    // needed, and without an index the seek may land anywhere in a group.
     for (int n = 0; n < kMostPacketsPerFrame && av_read_frame(input_, packet.get()) >= 0; ++n) {
-        keySeen = keySeen || (packet->stream_index == stream_ && (packet->flags & AV_PKT_FLAG_KEY) != 0);
-        bool ours = packet->stream_index == stream_ && keySeen;
-        if (ours) avcodec_send_packet(decoder_, packet.get());
-        av_packet_unref(packet.get());
-        while (ours && avcodec_receive_frame(decoder_, frame.get()) >= 0) {
-            int64_t stamp = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp : frame->pts;
-            double at = stamp != AV_NOPTS_VALUE ? SecondsOf(stamp) : wanted.seconds;
-            if ((wanted.afterGap && at + slack < wanted.seconds) || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) continue;
-            out.seconds = std::max(0.0, at);
-            out.afterGap = wanted.afterGap;
-            return Scale(frame.get(), out.picture);
+        bool key = packet->stream_index == stream_ && (packet->flags & AV_PKT_FLAG_KEY) != 0;
+        int64_t stamp = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (key && wanted.afterGap && stamp != AV_NOPTS_VALUE && SecondsOf(stamp) + slack < wanted.seconds) key = false;
+        if (!key) {
+            av_packet_unref(packet.get());
+            continue;
         }
+        avcodec_flush_buffers(decoder_);
+        int sent = avcodec_send_packet(decoder_, packet.get());
+        av_packet_unref(packet.get());
+        if (sent < 0 || avcodec_send_packet(decoder_, nullptr) < 0) continue;
+        bool decoded = avcodec_receive_frame(decoder_, frame.get()) >= 0;
+        avcodec_flush_buffers(decoder_);
+        if (!decoded || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) continue;
+        int64_t shown = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp : frame->pts;
+        out.seconds = std::max(0.0, shown != AV_NOPTS_VALUE ? SecondsOf(shown) : wanted.seconds);
+        out.afterGap = wanted.afterGap;
+        return Scale(frame.get(), out.picture);
     }
     return false;
 }

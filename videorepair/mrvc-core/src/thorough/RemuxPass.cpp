@@ -6,6 +6,7 @@
 #include "thorough/MuxWriter.h"
 #include "thorough/PassRecorder.h"
 #include "thorough/StreamRestorer.h"
+#include "thorough/TimelineSurvey.h"
 
 namespace thorough {
 namespace {
@@ -65,6 +66,10 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
     SetUp(streams, input, out, settings, result.refused);
 
     PassRecorder recorder;
+    TimelineWalk timeline;  // of what the pass writes: the kept file's, should it win
+    for (unsigned i = 0; i < input.StreamCount(); ++i)
+        timeline.AddStream(out == nullptr || streams.outputIndex[i] >= 0 ? streams.restorer.Parameters(i) : nullptr,
+                           streams.restorer.FrameRate(i));
     size_t restorationsNoted = 0;
     PacketPtr packet = NewPacket();
     for (int64_t n = 0; input.Next(packet.get()); ++n) {
@@ -82,6 +87,7 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
         result.judgeSeconds += SecondsSince(judging);
         if (keep && (out == nullptr || streams.outputIndex[index] >= 0)) {
             recorder.Packet(position, readSize);
+            if (settings.record != nullptr) timeline.Step(index, packet.get(), base);
             const std::vector<std::string>& restorations = streams.restorer.Restorations();
             // Only a header put in front of this packet grew it; the rest were stream-wide.
             for (; restorationsNoted < restorations.size(); ++restorationsNoted)
@@ -111,8 +117,10 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
     streams.read.AssumeShare(streams.restorer.Restorations().empty() ? streams.kept.VideoShare() : 0.0);
     result.read = streams.read.Result();
     result.restorations = streams.restorer.Restorations();
-    if (settings.record != nullptr)
+    if (settings.record != nullptr) {
         recorder.Finish(input, result.stopped ? input.Consumed() : settings.totalBytes, *settings.record);
+        timeline.Finish(*settings.record);
+    }
     if (out != nullptr) {
         result.written = out->Finish();
         result.error = out->Error();

@@ -137,7 +137,7 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
     std::unique_ptr<ByteSource> cleaned = strategy->Clean(job_.damagedPath, job_.samplePath, control_.Log());
     bool remux = cleaned == nullptr;
     if (!remux) counter.Start();
-    Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false};
+    Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     Demuxer input;
     bool opened = remux ? input.OpenFile(job_.damagedPath) : input.OpenSource(std::move(cleaned), strategy->CleanedFormat());
     if (remux) NoteAsIsFormat(input);
@@ -208,7 +208,7 @@ Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate&
     const int middle = (plan_.carver.from + plan_.carver.to) / 2;
     CarveContext context{asIsReadsOwnFormat_, asIs.count, &control_, {plan_.carver.from, middle}};
     std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
-    if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to}, true);
     if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
     return candidate;
@@ -217,13 +217,13 @@ Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate&
 Candidate ThoroughRepair::FromCarvingRepair(const SampleModel& sample) {
     std::wstring directory = platform::ToWide(Poco::Path(platform::ToNarrow(job_.outputPath)).parent().toString());
     std::wstring carved = job_.carvingRepair(directory, plan_.carving);
-    if (carved.empty()) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    if (carved.empty()) return Candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     temporaries_.push_back(carved);
     return Remux(sample, carved, plan_.carvingRemux);
 }
 
 Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress) {
-    Candidate candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    Candidate candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     Demuxer input;
     if (!input.OpenFile(source)) return candidate;
     int64_t size = 0;
@@ -236,7 +236,7 @@ Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& s
 
 Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
                                 bool fromDamagedFile) {
-    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false};
+    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false, nullptr};
     PassSettings settings{job_.fullDecodeCheck, false, size, progress};
     if (fromDamagedFile) {
         candidate.record = std::make_shared<RepairRecord>();
@@ -281,8 +281,7 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
 }
 
 // The kept candidate's own record becomes the repair's (beside what the reading
-// itself noted, such as unreadable ranges), and the kept file's timeline is walked
-// once, without decoding, for its streams and holes.
+// itself noted, such as unreadable ranges), with the kept file's streams and holes.
 void ThoroughRepair::RecordWhatWasKept(const Candidate& best) {
     if (best.record) {
         record_.AddFrom(*best.record);
@@ -291,8 +290,10 @@ void ThoroughRepair::RecordWhatWasKept(const Candidate& best) {
                            "used is not known");
     }
     if (best.kind == kVerdictAsIs) record_.AddWarning("no rebuilt file played better: the damaged file was kept as it is");
-    // The walk costs a read of the kept file: only for a caller who asked for the record.
-    if (!job_.recordPath.empty() && !TimelineSurvey::Survey(job_.outputPath, record_))
+    // The pass that wrote the kept file noted its timeline as it went; a file no
+    // pass wrote is walked, which costs a read of it: only for a caller who asked.
+    bool timed = best.record && !best.record->Streams().empty();
+    if (!timed && !job_.recordPath.empty() && !TimelineSurvey::Survey(job_.outputPath, record_))
         record_.AddWarning("the repaired file's timeline could not be read");
 }
 
