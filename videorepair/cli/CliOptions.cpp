@@ -31,6 +31,8 @@ void DefineOptions(CLI::App& app, CliOptions& o, RawCommandLine& raw) {
     app.add_option("--work-dir", o.workDirectory)->check(kNonEmpty);
     app.add_option("--ffmpeg", o.ffmpeg)->check(kNonEmpty);
     app.add_option("-j,--jobs", o.jobs)->check(CLI::Range(1, 64));
+    app.add_option("--report", o.report)->check(kNonEmpty);
+    app.add_option("--contact-sheet", o.contactSheet)->check(kNonEmpty);
     app.add_flag("--compatible", o.compatible);
     app.add_flag("--full-check", o.fullCheck);
     app.add_flag("--json", o.json);
@@ -44,6 +46,9 @@ void DefineOptions(CLI::App& app, CliOptions& o, RawCommandLine& raw) {
     app.add_option("--progress", o.workerProgress)->check(CLI::IsMember({"bar", "lines", "none"}))->group("");
     app.add_option("--label", o.workerLabel)->group("");
     app.add_option("--note", o.workerNote)->group("");
+    app.add_flag("--record", o.workerRecord)->group("");
+    app.add_option("--index", o.workerIndex)->check(CLI::NonNegativeNumber)->group("");
+    app.add_option("--count", o.workerCount)->check(CLI::PositiveNumber)->group("");
 }
 
 // CLI11's messages, in this program's words where a user meets them most.
@@ -122,6 +127,8 @@ std::vector<std::string> WorkerArguments(const CliOptions& o) {
     if (o.compatible) args.push_back("--compatible");
     if (o.fullCheck) args.push_back("--full-check");
     if (o.verbose) args.push_back("--verbose");
+    if (!o.report.empty()) args.push_back("--report=" + o.report);
+    if (!o.contactSheet.empty()) args.push_back("--contact-sheet=" + o.contactSheet);
     return args;
 }
 
@@ -166,6 +173,10 @@ std::string HelpText() {
             "      --work-dir DIR   where this run's intermediates are made, in a folder of its\n"
             "                       own that is removed at the end (default: $TMPDIR/videorepair-UID)\n"
             "      --json           one JSON line per file on standard output, as each finishes\n"
+            "      --report PAGE    write a page that shows what was saved: the damaged file's\n"
+            "                       bytes by what became of them, the gaps, frames of the\n"
+            "                       result; with several files PAGE indexes one page per file\n"
+            "      --contact-sheet PNG  the repaired video's frames, with their times, as one image\n"
             "  -q, --quiet          no progress display\n"
             "  -v, --verbose        show the library's log lines on standard error\n"
             "  -h, --help           this text\n"

@@ -28,12 +28,17 @@ struct CliOptions {
     bool verbose = false;  // the library's log lines on standard error
     OverwritePolicy overwrite = OverwritePolicy::kAsk;
     int jobs = 1;
+    std::string report;        // --report: the page (an index page for several files)
+    std::string contactSheet;  // --contact-sheet: the frames as one PNG
 
     // Set by the tool for the process it starts per file; not for users.
     std::string workerDirectory;  // the file's own work directory
     std::string workerProgress;   // "bar", "lines" or "none"
     std::string workerLabel;      // how the progress display names the file
     std::string workerNote;       // where its result goes, when not where asked
+    bool workerRecord = false;    // ask the library for its record of the repair
+    int workerIndex = 0;          // the file's place in the run, and how many files the run has:
+    int workerCount = 1;          // several files get a page and a sheet each
 };
 
 struct ParsedCommandLine {

@@ -9,6 +9,7 @@
 #include "ExitCodes.h"
 #include "RepairSession.h"
 #include "WorkFiles.h"
+#include "WorkerFiles.h"
 
 namespace {
 
@@ -228,6 +229,7 @@ FileResult FileRepair::Run(RepairSession& session, const std::string& input) {
     request.sample = sampleView;
     request.fullCheck = options_.fullCheck;
     if (Thorough()) request.outputPath = landing;
+    if (Thorough() && options_.workerRecord) request.recordPath = WorkPath(kRecordFile);
     std::string label = options_.workerLabel.empty() ? fs::u8path(input).filename().u8string() : options_.workerLabel;
     RepairOutcome outcome = session.Run(damagedView, request, label);
     file.libraryCalled = true;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "MediaReport.h"
+#include "RecordReader.h"
 #include "VideoRepairOptions.h"
 
 // What the thorough repair's judge chose and counted.
@@ -45,4 +46,6 @@ struct FileResult {
     int64_t damagedFrames = -1;   // decoded video frames; -1: not counted
     int64_t repairedFrames = -1;
     std::vector<std::string> lostStreams;  // "pcm_s16le audio": in the damaged file or sample, not in the result
+    RepairMap map;           // the thorough repair's record: byte ranges and gaps
+    std::string reportPage;  // --report: this file's page
 };

@@ -10,6 +10,7 @@
 
 #include "Console.h"
 #include "ExitCodes.h"
+#include "ReportRun.h"
 #include "WorkerFiles.h"
 #include "WorkerPool.h"
 
@@ -177,6 +178,10 @@ std::vector<std::string> HostApp::WorkerArgs(const Pending& pending) const {
     args.push_back("--label=" + label);
     args.push_back("--output=" + pending.plan.destination);
     if (!pending.plan.note.empty()) args.push_back("--note=" + pending.plan.note);
+    // The record costs a walk over the result's packets: only for those who show it.
+    if (options_.json || !options_.report.empty() || !options_.contactSheet.empty()) args.push_back("--record");
+    args.push_back("--index=" + std::to_string(pending.index));
+    args.push_back("--count=" + std::to_string(pending_.size()));
     args.push_back("--");
     args.push_back(pending.plan.input);
     return args;
@@ -296,6 +301,8 @@ int HostApp::Finish() {
         }
         if (run_.cancelled) run_.exitCode = exit_codes::kCancelled;
     }
+    // Each file's page came from its worker; several files also get an index.
+    ReportRun(options_.report, std::string(), pending_.size()).Finish(run_);
     if (options_.json && !run_.error.empty() && run_.files.empty()) {
         // A run that failed before any file still answers with one line.
         FileResult failure;

@@ -85,9 +85,12 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const RepairRequest
         outcome.judge.size = sizeof outcome.judge;
         outcome.judge.flags = request.fullCheck ? kThoroughFullDecodeCheck : 0;
         outcome.judge.outputPath = outputWide.empty() ? nullptr : outputWide.c_str();
+        std::wstring recordWide = wide_text::ToWide(request.recordPath);
+        outcome.judge.recordPath = recordWide.empty() ? nullptr : recordWide.c_str();
         outcome.result =
             manager_->RepairWithOptions(damagedWide.c_str(), sampleWide.c_str(), kRepairOptionThorough, &outcome.judge);
         outcome.judge.outputPath = nullptr;
+        outcome.judge.recordPath = nullptr;
         outcome.judged = true;
     }
     outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();

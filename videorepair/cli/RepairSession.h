@@ -24,6 +24,7 @@ struct RepairRequest {
     std::string sample;      // may be empty for the thorough repair; unused by a remux
     std::string outputPath;  // thorough repair: where the library writes the result; empty: beside the input
     bool fullCheck = false;  // thorough repair: decode every video frame when judging
+    std::string recordPath;  // thorough repair: where the library writes its record; empty: nowhere
 };
 
 // What the library did with one damaged file.

@@ -119,6 +119,8 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     object->set("damaged", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.damaged)) : none);
     object->set("repaired", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.repaired)) : none);
     object->set("judgeSeconds", file.judged ? Poco::Dynamic::Var(file.judge.seconds) : none);
+    if (file.map.loaded) object->set("map", MapJson(file.map));
+    if (!file.reportPage.empty()) object->set("reportPage", file.reportPage);
     Poco::JSON::Object::Ptr report = new Poco::JSON::Object;
     if (file.probed) {
         report->set("damaged", FactsJson(file.damaged));
@@ -237,6 +239,8 @@ bool ReadFileJsonLine(const std::string& text, FileResult& file) {
         file.error = textOf("error");
         file.damagedFrames = object->isNull("damagedFrames") ? -1 : object->getValue<int64_t>("damagedFrames");
         file.repairedFrames = object->isNull("repairedFrames") ? -1 : object->getValue<int64_t>("repairedFrames");
+        file.reportPage = object->has("reportPage") ? textOf("reportPage") : std::string();
+        if (object->has("map")) file.map = MapFromJson(object->getObject("map"));
         file.judged = !object->isNull("verdict");
         std::string verdict = textOf("verdict");
         for (int v : {kVerdictNone, kVerdictRebuilt, kVerdictRemuxed, kVerdictAsIs}) {

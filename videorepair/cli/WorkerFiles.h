@@ -6,3 +6,4 @@ constexpr char kResultFile[] = "result.json";
 constexpr char kReportFile[] = "report.txt";
 constexpr char kLogFile[] = "KzVideoRepair.log";
 constexpr char kLogFolder[] = "log";
+constexpr char kRecordFile[] = "record.json";  // the library's record of a thorough repair

@@ -8,6 +8,7 @@
 #include "HostApp.h"
 #include "MediaReport.h"
 #include "RepairSession.h"
+#include "ReportRun.h"
 #include "WorkerFiles.h"
 
 namespace {
@@ -59,6 +60,10 @@ int RunWorker(const CliOptions& options) {
         }
     }
     file.note = options.workerNote;
+    if (options.workerRecord) {
+        ReportRun reports(options.report, options.contactSheet, size_t(options.workerCount));
+        reports.AfterFile(file, run, (directory / kRecordFile).u8string(), size_t(options.workerIndex));
+    }
     WriteText(directory / kReportFile, FileReport(file, run));
     WriteText(directory / kResultFile, FileJsonLine(file, run) + "\n");
     return file.exitCode;
