@@ -60,7 +60,8 @@ TEST(WindowsPlatform, HostProgramPathAndDefaultWorkDirectory) {
 // PATH is set whole here: it may be longer than the fixed buffer ScopedEnv keeps.
 TEST(WindowsPlatform, ProgramsAreFoundInTheAbsoluteDirectoriesOfPath) {
     TempDir dir("path");
-    std::wstring folder = Wide(dir.path());
+    // With its drive: a PATH entry without one depends on the current drive.
+    std::wstring folder = fs::absolute(fs::path(Wide(dir.path()))).wstring();
     for (wchar_t& c : folder) c = c == L'/' ? L'\\' : c;
     WriteFile(dir.file("ffmpeg.exe"), "MZ");
     fs::create_directories(fs::path(folder + L"\\empty"));

@@ -103,6 +103,8 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) {
     RawCommandLine raw;
     CLI::App app("videorepair");
     app.set_help_flag();  // our own --help, with the exit codes
+    // On Windows CLI11 would take "/path" for an option "/name"; paths are paths here.
+    app.allow_windows_style_options(false);
     DefineOptions(app, result.options, raw);
     try {
         // CLI11 takes the arguments in reverse order.
