@@ -13,6 +13,7 @@ constexpr int kFfmpegMissing = 5;
 constexpr int kSaveFailed = 6;
 constexpr int kCancelled = 7;
 constexpr int kLibraryError = 8;
+constexpr int kPartlyRecovered = 9;
 constexpr int kInterrupted = 130;  // second Ctrl-C: 128 + SIGINT, as shells report it
 
 struct Meaning {
@@ -31,6 +32,7 @@ constexpr Meaning kAll[] = {
     {kSaveFailed, "the repaired file could not be copied to the -o destination"},
     {kCancelled, "cancelled with Ctrl-C; what was found so far is kept, remaining files skipped"},
     {kLibraryError, "the repair library could not be loaded or initialised"},
+    {kPartlyRecovered, "repaired, but parts of the damaged file could not be read (failing card or disk)"},
     {kInterrupted, "a second Ctrl-C quit at once"},
 };
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "MediaReport.h"
+#include "Unreadable.h"
 #include "VideoRepairOptions.h"
 
 // What the thorough repair's judge chose and counted.
@@ -37,4 +38,5 @@ struct FileResult {
     bool probed = false;  // damaged and repaired below are filled
     MediaFacts damaged;
     MediaFacts repaired;
+    std::vector<ByteRange> unreadable;  // of the damaged file: read as zeros
 };

@@ -94,6 +94,8 @@ bool HostApp::PrepareDirectories() {
 bool HostApp::CheckSample() {
     if (options_.command != CliCommand::kRepair || options_.sample.empty()) return true;
     std::string reason = UnreadableReason(options_.sample);
+    if (reason.empty()) reason = ReadThroughFailure(options_.sample);
+    if (!reason.empty() && reason.find("cannot") == std::string::npos && reason != "not found") reason = "cannot be read: " + reason;
     if (reason.empty()) return true;
     Fail("sample " + options_.sample + ": " + reason, exit_codes::kMissingFile);
     return false;
@@ -178,6 +180,22 @@ void HostApp::Classify(const RepairOutcome& outcome, FileResult& file) const {
     file.error = outcome.cancelled ? "cancelled before anything was repaired: " + reason : reason;
 }
 
+// A device that would not give every byte, or a destination that would not take
+// the result, gets its own exit code.
+void HostApp::NoteFaults(const RepairOutcome& outcome, FileResult& file) const {
+    file.unreadable = outcome.unreadable;
+    if (file.exitCode == exit_codes::kOk && !file.unreadable.empty()) {
+        int64_t lost = 0;
+        for (const ByteRange& range : file.unreadable) lost += range.length;
+        file.exitCode = exit_codes::kPartlyRecovered;
+        file.error = "partly recovered: " + std::to_string(lost) + " bytes of the damaged file could not be read";
+    }
+    if (file.status == "failed" && file.error.find("writing the repaired file failed") != std::string::npos) {
+        file.status = "save-failed";
+        file.exitCode = exit_codes::kSaveFailed;
+    }
+}
+
 FileResult HostApp::Process(RepairSession& session, const std::string& input, size_t position) {
     FileResult file;
     file.input = input;
@@ -224,6 +242,7 @@ FileResult HostApp::Process(RepairSession& session, const std::string& input, si
     file.libraryResult = outcome.result;
     file.seconds = outcome.seconds;
     Classify(outcome, file);
+    NoteFaults(outcome, file);
     if (outcome.judged && outcome.started) {
         file.judged = true;
         file.judge.verdict = outcome.judge.verdict;

@@ -20,6 +20,7 @@ private:
     bool PrepareOutput();
     bool CheckSample();
     FileResult Process(class RepairSession& session, const std::string& input, size_t position);
+    void NoteFaults(const struct RepairOutcome& outcome, FileResult& file) const;
     void Classify(const struct RepairOutcome& outcome, FileResult& file) const;
     bool Thorough() const { return options_.command == CliCommand::kRepair && !options_.compatible; }
     std::string DestinationFor(const std::string& input);

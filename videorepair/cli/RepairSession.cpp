@@ -52,6 +52,7 @@ bool RepairSession::Open(const std::string& logDirectory, const std::string& wor
         return false;
     }
     std::wstring logs = wide_text::ToWide(logDirectory);
+    workDirectory_ = workDirectory;
     std::wstring work = wide_text::ToWide(workDirectory);
     if (manager_->Initialize(&observer_, logs.c_str(), work.c_str()) != 0) {
         error = "the repair library could not be initialised (log " + logDirectory + ")";
@@ -82,10 +83,15 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const RepairRequest
         outcome.judge.size = sizeof outcome.judge;
         outcome.judge.flags = request.fullCheck ? kThoroughFullDecodeCheck : 0;
         outcome.judge.outputPath = outputWide.empty() ? nullptr : outputWide.c_str();
+        const std::string record = RecordPathIn(workDirectory_);
+        const std::wstring recordWide = wide_text::ToWide(record);
+        outcome.judge.recordPath = recordWide.c_str();
         outcome.result =
             manager_->RepairWithOptions(damagedWide.c_str(), sampleWide.c_str(), kRepairOptionThorough, &outcome.judge);
         outcome.judge.outputPath = nullptr;
+        outcome.judge.recordPath = nullptr;
         outcome.judged = true;
+        outcome.unreadable = TakeUnreadableRanges(record);
     }
     outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     display_.End();

@@ -15,6 +15,7 @@
 #include "LogTail.h"
 #include "VideoRepairOptions.h"
 #include "ProgressDisplay.h"
+#include "Unreadable.h"
 
 enum class RepairRoad { kThorough, kCompatible, kRemux };
 
@@ -36,6 +37,7 @@ struct RepairOutcome {
     std::string repairedPath;
     std::string error;       // the library's last ERROR line of this call
     std::string ffmpegLine;  // ffmpeg's last line of output, when it ran
+    std::vector<ByteRange> unreadable;  // thorough repair: bytes the device would not give
     double seconds = 0.0;
 };
 
@@ -82,6 +84,7 @@ private:
     Observer observer_;
     IVideoRepairManager* manager_ = nullptr;
     LogTail log_{std::string()};
+    std::string workDirectory_;
     std::thread watcher_;
     std::mutex watchLock_;
     std::condition_variable watchWake_;

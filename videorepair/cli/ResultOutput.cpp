@@ -105,6 +105,7 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
         report->set("repaired", file.repairedPath.empty() ? Poco::Dynamic::Var() : Poco::Dynamic::Var(FactsJson(file.repaired)));
     }
     object->set("report", report);
+    AddUnreadableJson(*object, file.unreadable);
     return object;
 }
 
@@ -149,6 +150,7 @@ void PrintFileReport(std::FILE* out, const FileResult& file, const RunSummary& r
         std::fprintf(out, "  saved as  %s\n", file.savedPath.c_str());
     }
     if (file.judged) PrintJudge(out, file.judge);
+    PrintUnreadable(out, file.unreadable);
     if (!file.probed) return;
     std::fprintf(out, "  %-9s %-34s %10s %9s %13s\n", "", "streams", "duration", "packets", "video frames");
     if (run.sampleProbed) PrintFactsRow(out, "sample", run.sampleFacts);
