@@ -193,6 +193,7 @@ void HostApp::NoteFaults(const RepairOutcome& outcome, FileResult& file) const {
     if (file.status == "failed" && file.error.find("writing the repaired file failed") != std::string::npos) {
         file.status = "save-failed";
         file.exitCode = exit_codes::kSaveFailed;
+        file.error = outcome.judge.reason;  // names the cause and the folder
     }
 }
 

@@ -72,7 +72,7 @@ std::string ReadThroughFailure(const std::string& path) {
     const auto size = std::filesystem::file_size(std::filesystem::u8path(path), ec);
     std::ifstream in(std::filesystem::u8path(path), std::ios::binary);  // UTF-8 names on every system
     if (ec || !in) return std::string();  // not opening is reported elsewhere
-    std::vector<char> buffer(1 << 20);
+    std::vector<char> buffer(1 << 16);
     uintmax_t total = 0;
     errno = 0;
     while (in.read(buffer.data(), std::streamsize(buffer.size())) || in.gcount() > 0) total += uintmax_t(in.gcount());
