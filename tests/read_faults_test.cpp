@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -205,16 +206,28 @@ TEST_P(FailingCard, KeepsWhatTheCardStillGives) {
     EXPECT_EQ(pulled.exitCode, kPartlyRecovered) << pulled.output;
     EXPECT_GE(pulledFrames, std::min(before, cleanFrames) * 95 / 100);
 
+    // A reader pulled from the bus says ENODEV: nothing is asked of it again.
+    ToolRun gone;
+    Faults goneFaults = ReadFaults("VR_FAULT_GONE_AT", std::to_string(goneAt));
+    goneFaults["VR_FAULT_GONE_ERRNO"] = std::to_string(ENODEV);
+    const int goneFrames = Repair("gone", goneFaults, gone);
+    EXPECT_EQ(gone.exitCode, kPartlyRecovered) << gone.output;
+    EXPECT_GE(goneFrames, std::min(before, cleanFrames) * 95 / 100);
+    auto goneRanges = UnreadableOf(gone.output);
+    ASSERT_EQ(goneRanges.size(), 1u) << gone.output;
+    EXPECT_LE(goneRanges[0].first, goneAt);
+    EXPECT_EQ(goneRanges[0].first + goneRanges[0].second, size_);
+
     ToolRun header;
     const int headerFrames = Repair("header", ReadFaults("VR_FAULT_EIO", "512:512"), header);
     EXPECT_EQ(header.exitCode, kPartlyRecovered) << header.output;
     EXPECT_GT(headerFrames, 0);
 
     EXPECT_TRUE(guard.Unchanged());
-    std::printf("[ measured ] %s: frames clean %d, 64 KiB hole %d, pulled at 70%% %d (of %d before), header %d; "
-                "seconds clean %.2f, hole %.2f, pulled %.2f\n",
-                GetParam().extension.c_str(), cleanFrames, holeFrames, pulledFrames, before, headerFrames, clean.seconds,
-                hole.seconds, pulled.seconds);
+    std::printf("[ measured ] %s: frames clean %d, 64 KiB hole %d, pulled at 70%% %d / gone %d (of %d before), "
+                "header %d; seconds clean %.2f, hole %.2f, pulled %.2f, gone %.2f\n",
+                GetParam().extension.c_str(), cleanFrames, holeFrames, pulledFrames, goneFrames, before, headerFrames,
+                clean.seconds, hole.seconds, pulled.seconds, gone.seconds);
 }
 
 // The engines of earlier versions read through the same reader, and the ffmpeg

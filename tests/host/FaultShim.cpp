@@ -3,7 +3,8 @@
 // Configured by the environment:
 //   VR_FAULT_READ_PATH   reads of files whose path ends so can fail
 //   VR_FAULT_EIO         "offset:length,..." byte ranges that answer EIO
-//   VR_FAULT_GONE_AT     every read that touches this offset or later answers EIO
+//   VR_FAULT_GONE_AT     every read that touches this offset or later fails...
+//   VR_FAULT_GONE_ERRNO  ...with this errno (default EIO; ENODEV as a pulled USB reader says)
 //   VR_FAULT_WRITE_DIR   writes to files under this folder share one budget...
 //   VR_FAULT_WRITE_LIMIT ...of this many bytes; then ENOSPC
 // A read that touches a bad byte fails whole, as a device's read of a bad sector does.
@@ -33,6 +34,7 @@ struct Config {
     std::string readSuffix;
     std::vector<std::pair<int64_t, int64_t>> bad;  // [begin, end)
     int64_t goneAt = -1;
+    int goneErrno = EIO;
     std::string writeDir;
     int64_t writeLimit = -1;
 };
@@ -54,6 +56,7 @@ const Config& Settings() {
             }
         }
         if (const char* v = std::getenv("VR_FAULT_GONE_AT")) c.goneAt = std::atoll(v);
+        if (const char* v = std::getenv("VR_FAULT_GONE_ERRNO")) c.goneErrno = std::atoi(v);
         if (const char* v = std::getenv("VR_FAULT_WRITE_DIR")) c.writeDir = v;
         if (const char* v = std::getenv("VR_FAULT_WRITE_LIMIT")) c.writeLimit = std::atoll(v);
         return c;
@@ -82,14 +85,15 @@ void Classify(int fd, const char* path) {
 
 bool Is(int fd, unsigned char kind) { return fd >= 0 && fd < kMaxFd && kinds[fd] == kind; }
 
-bool ReadFails(int64_t offset, size_t n) {
-    if (n == 0) return false;
+// 0 when the read may go ahead, else the errno it fails with.
+int ReadFails(int64_t offset, size_t n) {
+    if (n == 0) return 0;
     const Config& c = Settings();
     const int64_t end = offset + int64_t(n);
-    if (c.goneAt >= 0 && end > c.goneAt) return true;
+    if (c.goneAt >= 0 && end > c.goneAt) return c.goneErrno;
     for (const auto& r : c.bad)
-        if (offset < r.second && r.first < end) return true;
-    return false;
+        if (offset < r.second && r.first < end) return EIO;
+    return 0;
 }
 
 // How much of n bytes the write budget still takes; -1 (errno ENOSPC) when none.
@@ -167,24 +171,24 @@ int close(int fd) {
 }
 
 ssize_t read(int fd, void* buffer, size_t n) {
-    if (Is(fd, kFaultyRead) && ReadFails(Position(fd), n)) {
-        errno = EIO;
+    if (int failure = Is(fd, kFaultyRead) ? ReadFails(Position(fd), n) : 0) {
+        errno = failure;
         return -1;
     }
     return Real<ssize_t (*)(int, void*, size_t)>("read")(fd, buffer, n);
 }
 
 ssize_t pread(int fd, void* buffer, size_t n, off_t offset) {
-    if (Is(fd, kFaultyRead) && ReadFails(offset, n)) {
-        errno = EIO;
+    if (int failure = Is(fd, kFaultyRead) ? ReadFails(offset, n) : 0) {
+        errno = failure;
         return -1;
     }
     return Real<ssize_t (*)(int, void*, size_t, off_t)>("pread")(fd, buffer, n, offset);
 }
 
 ssize_t pread64(int fd, void* buffer, size_t n, off_t offset) {
-    if (Is(fd, kFaultyRead) && ReadFails(offset, n)) {
-        errno = EIO;
+    if (int failure = Is(fd, kFaultyRead) ? ReadFails(offset, n) : 0) {
+        errno = failure;
         return -1;
     }
     return Real<ssize_t (*)(int, void*, size_t, off_t)>("pread64")(fd, buffer, n, offset);
@@ -193,8 +197,8 @@ ssize_t pread64(int fd, void* buffer, size_t n, off_t offset) {
 ssize_t readv(int fd, const struct iovec* iov, int count) {
     size_t n = 0;
     for (int i = 0; i < count; ++i) n += iov[i].iov_len;
-    if (Is(fd, kFaultyRead) && ReadFails(Position(fd), n)) {
-        errno = EIO;
+    if (int failure = Is(fd, kFaultyRead) ? ReadFails(Position(fd), n) : 0) {
+        errno = failure;
         return -1;
     }
     return Real<ssize_t (*)(int, const struct iovec*, int)>("readv")(fd, iov, count);

@@ -48,12 +48,16 @@ bool FileReader::Load(int64_t offset) {
     cacheLength_ = kept;
     int64_t at = offset + int64_t(kept);
     if (platform::Seek(fd_, at, SEEK_SET) < 0) return false;
-    while (cacheLength_ < capacity_ && !GoneBy(at)) {
+    while (cacheLength_ < capacity_) {
         uint32_t want = uint32_t(std::min<size_t>(capacity_ - cacheLength_, 1u << 30));
-        int64_t got = platform::Read(fd_, cache_.data() + cacheLength_, want);
+        // Sectors known to be bad are not asked for again (nor anything once the
+        // device is gone): the read stops short of them and they come as zeros.
+        const int64_t bad = faults_->NextUnreadable(at);
+        if (bad > at) want = uint32_t(std::min<int64_t>(want, bad - at));
+        int64_t got = bad == at ? -1 : platform::Read(fd_, cache_.data() + cacheLength_, want);
         if (got < 0) {
             // The device refused: take what it still gives, piece by piece.
-            want = uint32_t(std::min<int64_t>(want, ReadableEnd() - at));
+            want = uint32_t(std::max<int64_t>(0, std::min<int64_t>(want, size_ - at)));
             got = int64_t(rescue_->Fill(fd_, at, cache_.data() + cacheLength_, want));
             readError_ = got == 0;
             if (got > 0 && platform::Seek(fd_, at + got, SEEK_SET) < 0) got = 0;
@@ -65,13 +69,6 @@ bool FileReader::Load(int64_t offset) {
     return true;
 }
 
-int64_t FileReader::ReadableEnd() const { return rescue_ ? rescue_->ReadableEnd() : size_; }
-
-bool FileReader::GoneBy(int64_t offset) const {
-    int64_t gone = faults_->GoneAt();
-    return gone >= 0 && offset >= gone;
-}
-
 const uint8_t* FileReader::View(int64_t offset, size_t n, size_t& available) {
     available = 0;
     if (fd_ < 0 || offset < 0) return nullptr;
@@ -79,7 +76,7 @@ const uint8_t* FileReader::View(int64_t offset, size_t n, size_t& available) {
     int64_t cacheEnd = cacheStart_ + int64_t(cacheLength_);
     // Resident: the whole view is loaded, or the loaded part already reaches the end of the file.
     bool resident = offset >= cacheStart_ && offset < cacheEnd &&
-                    (offset + int64_t(n) <= cacheEnd || cacheEnd >= ReadableEnd());
+                    (offset + int64_t(n) <= cacheEnd || cacheEnd >= size_);
     if (!resident) {
         if (!Load(offset)) return nullptr;
         cacheEnd = cacheStart_ + int64_t(cacheLength_);

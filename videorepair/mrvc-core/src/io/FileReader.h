@@ -1,8 +1,8 @@
 // Reads a file at arbitrary offsets through one large cache, so that engines can
 // ask for small blocks (as their formats dictate) while the operating system is
 // asked for big pieces. Memory is the cache, never the file. Sectors the device
-// cannot read come as zeros (see SectorRescue); where the device went away the
-// file ends early.
+// cannot read come as zeros (see SectorRescue), and so does everything behind
+// the point where the device went away.
 #pragma once
 
 #include <cstddef>
@@ -40,8 +40,6 @@ public:
 
 private:
     bool Load(int64_t offset);
-    int64_t ReadableEnd() const;
-    bool GoneBy(int64_t offset) const;  // the device went away at or before offset
 
     int fd_ = -1;
     int64_t size_ = 0;

@@ -44,6 +44,13 @@ bool ReadFaults::KnownUnreadable(int64_t offset, int64_t& until) const {
     return false;
 }
 
+int64_t ReadFaults::NextUnreadable(int64_t offset) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& r : ranges_)
+        if (r.first + r.second > offset) return std::max(r.first, offset);
+    return -1;
+}
+
 std::vector<std::pair<int64_t, int64_t>> ReadFaults::Ranges() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return ranges_;

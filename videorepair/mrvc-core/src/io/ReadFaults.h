@@ -23,6 +23,8 @@ public:
     void AddUnreadable(int64_t offset, int64_t length);
     // True when the byte at offset is known to be unreadable; `until` is where that range ends.
     bool KnownUnreadable(int64_t offset, int64_t& until) const;
+    // Where the first known unreadable byte at or after offset is; -1 when none is known.
+    int64_t NextUnreadable(int64_t offset) const;
     std::vector<std::pair<int64_t, int64_t>> Ranges() const;  // (offset, length) by offset
     int64_t UnreadableBytes() const;
 

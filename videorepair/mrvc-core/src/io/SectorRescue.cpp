@@ -23,11 +23,6 @@ int64_t ReadExactly(int fd, int64_t at, uint8_t* dst, size_t n) {
 
 }  // namespace
 
-int64_t SectorRescue::ReadableEnd() const {
-    int64_t gone = faults_->GoneAt();
-    return gone >= 0 ? std::min(gone, fileSize_) : fileSize_;
-}
-
 // Pieces end on their own size's boundary, so sectors are the device's sectors.
 size_t SectorRescue::PieceAt(int64_t at, size_t left) const {
     size_t unit = at < sectorsUntil_ ? kSectorBytes : kPieceBytes;
@@ -62,7 +57,7 @@ size_t SectorRescue::Fill(int fd, int64_t at, uint8_t* dst, size_t n) {
     while (done < n) {
         const int64_t position = at + int64_t(done);
         const size_t left = n - done;
-        if (position >= ReadableEnd()) break;
+        if (position >= fileSize_) break;
         int64_t knownEnd = 0;
         if (faults_->KnownUnreadable(position, knownEnd)) {
             done += Zero(position, dst + done, size_t(std::min<int64_t>(knownEnd - position, int64_t(left))), false);

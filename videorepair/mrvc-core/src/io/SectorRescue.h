@@ -23,12 +23,9 @@ public:
     SectorRescue(std::shared_ptr<ReadFaults> faults, int64_t fileSize)
         : faults_(std::move(faults)), fileSize_(fileSize) {}
 
-    // Fills dst with [at, at + n) of the file, bad sectors as zeros. Returns the
-    // bytes filled: n, or fewer where the file or the device ends.
+    // Fills dst with [at, at + n) of the file, bad sectors (and all behind a device
+    // that went away) as zeros. Returns the bytes filled: n, or fewer where the file ends.
     size_t Fill(int fd, int64_t at, uint8_t* dst, size_t n);
-
-    // Where reading ends: the file's end, or where the device went away.
-    int64_t ReadableEnd() const;
 
 private:
     size_t PieceAt(int64_t at, size_t left) const;
