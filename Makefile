@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench bench-quality clean test-asan test-tsan fuzz test-windows
+.PHONY: all deps configure build test test-browser demo bench bench-quality clean test-asan test-tsan fuzz test-windows
 
 # Input size per engine for the benchmark (bytes); inputs are cached in ~/.cache/videorepair-bench.
 BENCH_SIZE ?= 1073741824
@@ -22,6 +22,12 @@ build: configure
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+# The report page in a real browser: Debian's chromium is large, so only this
+# target installs it; without it `make test` skips the browser tests.
+test-browser: build
+	@bash scripts/install-deps.sh chromium
+	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -R 'BrowserTest|ReportTest'
 
 demo: build
 	@bash scripts/demo.sh $(BUILD_DIR)

@@ -6,8 +6,12 @@ set -euo pipefail
 if [ $# -gt 0 ]; then
   packages=("$@")
 else
-  packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev ffmpeg
-            googletest libgtest-dev libgmock-dev mkvtoolnix)
+  # dpkg-dev and file: `cpack -G DEB` finds the programs in the package with file and reads
+  # their library dependencies with dpkg-shlibdeps. libswscale-dev: the command-line host
+  # scales the repaired video's frames for its report page and contact sheet.
+  packages=(cmake ninja-build g++ pkg-config make libpoco-dev libavformat-dev libswscale-dev ffmpeg
+            googletest libgtest-dev libgmock-dev mkvtoolnix dpkg-dev file
+            libcli11-dev)  # libcli11-dev: the videorepair tool's option parser (header-only)
 fi
 
 missing=()

@@ -1,155 +1,27 @@
 // The `videorepair` program, run as a user runs it: exit codes, messages, the
-// JSON object, a thorough repair and a remux end to end, and Ctrl-C during an
-// engine repair.
+// JSON lines, a thorough repair and a remux end to end, and Ctrl-C.
 #include <gtest/gtest.h>
 
-#include <Poco/JSON/Object.h>
-#include <Poco/JSON/Parser.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <Poco/Environment.h>
 
 #include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "cli/CliProcess.h"
 #include "support/RepairHarness.h"
 #include "support/TestSupport.h"
-
-extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace testing_support;
+using namespace cli_testing;
 
-constexpr int kRepairFailed = 1;
-constexpr int kUsage = 2;
-constexpr int kUnsupported = 3;
-constexpr int kMissingFile = 4;
-constexpr int kFfmpegMissing = 5;
-constexpr int kCancelled = 7;
-
-std::string Program() { return BinDir() + "/videorepair"; }
-
-// The program as a child with its stdout and stderr captured apart, so that
-// a test can wait for a line on stderr and send it a signal.
-class CliProcess {
-public:
-    explicit CliProcess(const std::vector<std::string>& args, const std::string& program = Program()) {
-        std::vector<std::string> argv = {program};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> raw;
-        for (auto& a : argv) raw.push_back(const_cast<char*>(a.c_str()));
-        raw.push_back(nullptr);
-        int outPipe[2], errPipe[2];
-        if (pipe(outPipe) != 0 || pipe(errPipe) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) posix_spawn_file_actions_addclose(&actions, fd);
-        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        close(outPipe[1]);
-        close(errPipe[1]);
-        outFd_ = outPipe[0];
-        errFd_ = errPipe[0];
-    }
-
-    ~CliProcess() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            Wait();
-        }
-    }
-
-    // Reads output until stderr holds text or both pipes are closed.
-    bool WaitForStderr(const std::string& text) {
-        while (err.find(text) == std::string::npos) {
-            if (!ReadSome()) return false;
-        }
-        return true;
-    }
-
-    void Signal(int signalNumber) {
-        if (pid_ > 0) kill(pid_, signalNumber);
-    }
-
-    // Exit code, or 128 + signal.
-    int Wait() {
-        while (ReadSome()) {
-        }
-        if (pid_ <= 0) return -1;
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-    std::string out;
-    std::string err;
-
-private:
-    bool ReadSome() {
-        std::vector<pollfd> fds;
-        for (int fd : {outFd_, errFd_}) {
-            if (fd >= 0) fds.push_back({fd, POLLIN, 0});
-        }
-        if (fds.empty()) return false;
-        if (poll(fds.data(), nfds_t(fds.size()), -1) < 0) return false;
-        for (const pollfd& p : fds) {
-            if ((p.revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
-            char buffer[4096];
-            ssize_t n = read(p.fd, buffer, sizeof buffer);
-            int& fd = p.fd == outFd_ ? outFd_ : errFd_;
-            std::string& sink = p.fd == outFd_ ? out : err;
-            if (n > 0) {
-                sink.append(buffer, size_t(n));
-            } else {
-                close(fd);
-                fd = -1;
-            }
-        }
-        return true;
-    }
-
-    pid_t pid_ = -1;
-    int outFd_ = -1;
-    int errFd_ = -1;
-};
-
-struct CliRun {
-    int code;
-    std::string out;
-    std::string err;
-};
-
-CliRun RunCli(const std::vector<std::string>& args) {
-    CliProcess process(args);
-    int code = process.Wait();
-    return {code, process.out, process.err};
-}
-
-Poco::JSON::Object::Ptr ParseJson(const std::string& text) {
-    Poco::JSON::Parser parser;
-    return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
-}
-
-Poco::JSON::Object::Ptr FirstFile(const Poco::JSON::Object::Ptr& run) {
-    return run->getArray("files")->getObject(0);
-}
-
-std::string Truncated(const std::string& source, double keep, const std::string& target) {
-    std::string bytes = ReadFile(source);
-    WriteFile(target, bytes.substr(0, size_t(double(bytes.size()) * keep)));
-    return target;
+Poco::JSON::Object::Ptr FirstFile(const std::string& out) {
+    std::vector<Poco::JSON::Object::Ptr> lines = JsonLines(out);
+    return lines.empty() ? Poco::JSON::Object::Ptr() : lines.front();
 }
 
 std::string ShortMkv() {
@@ -170,10 +42,12 @@ std::string FormatName(const std::string& path) {
 }
 
 // A copy of the program in dir: the library then looks for ffmpeg in dir.
-std::string CopiedProgram(const TempDir& dir) {
+Launch CopiedProgram(const TempDir& dir) {
     fs::copy_file(Program(), dir.file("videorepair"));
     fs::permissions(dir.file("videorepair"), fs::perms::owner_all, fs::perm_options::add);
-    return dir.file("videorepair");
+    Launch launch;
+    launch.program = dir.file("videorepair");
+    return launch;
 }
 
 // An "ffmpeg" beside the copied program that takes its time. The library calls
@@ -191,19 +65,25 @@ TEST(CliUsage, HelpListsEveryExitCodeAndVersionAnswers) {
     size_t section = help.out.find("Exit codes:");
     ASSERT_NE(section, std::string::npos) << help.out;
     std::string codes = help.out.substr(section);
-    for (const char* line : {"  0  ", "  1  ", "  2  bad command line", "  3  unsupported or refused",
-                             "  4  ", "  5  ffmpeg", "  6  ", "  7  cancelled", "  8  ", "130  "}) {
+    for (const char* line : {"  0  ", "  1  ", "  2  bad command line", "  3  unsupported or refused", "  4  ",
+                             "  5  ffmpeg", "  6  ", "  7  cancelled", "  8  ", "  9  a result was written but",
+                             " 10  a result already exists", "130  "}) {
         EXPECT_NE(codes.find(line), std::string::npos) << "missing exit code line " << line;
     }
     CliRun version = RunCli({"--version"});
     EXPECT_EQ(version.code, 0);
     EXPECT_EQ(version.out.rfind("videorepair ", 0), 0u) << version.out;
+    EXPECT_NE(version.out.find("\nlib_videorepair "), std::string::npos) << version.out;
+    EXPECT_NE(version.out.find("\nFFmpeg "), std::string::npos) << version.out;
 }
 
-TEST(CliUsage, BadArgumentsGiveTheUsageCodeAndSayWhy) {
+// Every case exits before any file is touched: a usage error (2), or the
+// missing-file code (4) once the command line was understood.
+TEST(CliUsage, CommandLinesAreUnderstoodOrRefusedWithAReason) {
     struct Case {
         std::vector<std::string> args;
         std::string message;
+        int code = kUsage;
     };
     const Case cases[] = {
         {{}, "no command given"},
@@ -212,16 +92,26 @@ TEST(CliUsage, BadArgumentsGiveTheUsageCodeAndSayWhy) {
         {{"repair", "a.avi", "--compatible", "-s", "s.avi", "--full-check"}, "--full-check is for the thorough"},
         {{"remux", "a.mkv", "--full-check"}, "--compatible and --full-check are repair options"},
         {{"remux", "--bogus", "a.mkv"}, "unknown option '--bogus'"},
-        {{"remux", "a.mkv", "-o"}, "option -o needs a value"},
+        {{"remux", "a.mkv", "-o"}, "--output: 1 required"},
         {{"remux"}, "remux needs at least one damaged file"},
         {{"remux", "a.mkv", "--sample", "s.mkv"}, "remux uses no sample"},
-        {{"remux", "a.mkv", "--work-dir="}, "needs a non-empty value"},
+        {{"remux", "a.mkv", "--work-dir="}, "--work-dir: 1 required"},
+        {{"remux", "-yn", "a.mkv"}, "-y and -n contradict each other"},
+        {{"remux", "a.mkv", "--jobs", "0"}, "--jobs: Value 0 not in range"},
+        {{"repair", "a.avi", "-s", "s.avi", "-s", "t.avi"}, "--sample: At Most 1"},
+        {{"remux", "-x", "a.mkv"}, "unknown option '-x'"},
+        // Understood: combined short flags, name=value, attached values, -- before a name like an option.
+        {{"remux", "-yqv", "gone.mkv"}, "gone.mkv: damaged file not found", kMissingFile},
+        {{"remux", "-nq", "-j2", "--work-dir=W", "gone.mkv"}, "gone.mkv: damaged file not found", kMissingFile},
+        {{"repair", "-ogone_out.avi", "-q", "--", "-gone.avi"}, "-gone.avi: damaged file not found", kMissingFile},
+        {{"remux", "gone.mkv", "--ffmpeg", "/nonexistent/ffmpeg"}, "--ffmpeg /nonexistent/ffmpeg: no such program",
+         kFfmpegMissing},
     };
     for (const Case& c : cases) {
         CliRun run = RunCli(c.args);
-        EXPECT_EQ(run.code, kUsage) << c.message;
+        EXPECT_EQ(run.code, c.code) << c.message;
         EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
-        EXPECT_NE(run.err.find("usage: videorepair"), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find("usage: videorepair") != std::string::npos, c.code == kUsage) << run.err;
         EXPECT_TRUE(run.out.empty()) << run.out;
     }
 }
@@ -239,9 +129,11 @@ TEST(CliFiles, MissingDamagedFileOrSampleIsNamed) {
     EXPECT_NE(noSample.err.find("sample " + dir.file("nosample.avi") + ": not found"), std::string::npos)
         << noSample.err;
 
-    CliRun directory = RunCli({"remux", dir.path(), "--work-dir", dir.file("work")});
+    fs::create_directories(dir.file("notes"));
+    WriteFile(dir.file("notes/readme.txt"), "no video here");
+    CliRun directory = RunCli({"remux", dir.file("notes"), "--work-dir", dir.file("work")});
     EXPECT_EQ(directory.code, kMissingFile);
-    EXPECT_NE(directory.err.find("not a regular file"), std::string::npos) << directory.err;
+    EXPECT_NE(directory.err.find("nothing to repair: no video file"), std::string::npos) << directory.err;
 }
 
 // MP4-family files are refused by remux and the compatible repair; the thorough
@@ -251,12 +143,14 @@ TEST(CliFiles, RefusedAndUnknownExtensionsAreReportedAndLeftAlone) {
     const std::string bytes = "not really a movie";
     for (const std::string name : {"clip.mp4", "CLIP.MOV"}) {
         WriteFile(dir.file(name), bytes);
+        WriteFile(dir.file("sample_" + name), bytes);
+        const std::string sample = dir.file("sample_" + name);
         const struct {
             std::vector<std::string> args;
             int code;
         } cases[] = {{{"remux", dir.file(name)}, kUnsupported},
-                     {{"repair", "--compatible", dir.file(name), "--sample", dir.file(name)}, kUnsupported},
-                     {{"repair", dir.file(name), "--sample", dir.file(name)}, kRepairFailed}};
+                     {{"repair", "--compatible", dir.file(name), "--sample", sample}, kUnsupported},
+                     {{"repair", dir.file(name), "--sample", sample}, kRepairFailed}};
         for (const auto& c : cases) {
             std::vector<std::string> full = c.args;
             full.insert(full.end(), {"--work-dir", dir.file("work")});
@@ -268,7 +162,8 @@ TEST(CliFiles, RefusedAndUnknownExtensionsAreReportedAndLeftAlone) {
         EXPECT_EQ(ReadFile(dir.file(name)), bytes);
     }
     WriteFile(dir.file("clip.ts"), bytes);
-    CliRun ts = RunCli({"repair", dir.file("clip.ts"), "--sample", dir.file("clip.ts"), "--work-dir", dir.file("work")});
+    CliRun ts = RunCli({"repair", "--compatible", dir.file("clip.ts"), "--sample", dir.file("sample_clip.mp4"),
+                        "--work-dir", dir.file("work")});
     EXPECT_EQ(ts.code, kUnsupported);
     EXPECT_NE(ts.err.find("no repair engine for '.ts' files"), std::string::npos) << ts.err;
 }
@@ -285,8 +180,9 @@ TEST(CliFiles, OutputOntoTheDamagedFileIsRefusedBeforeAnythingRuns) {
     EXPECT_EQ(ReadFile(dir.file("clip.mkv")), "damaged bytes");
 }
 
-// repair is thorough unless --compatible; with -o the library writes the result
-// there and nothing is left beside the damaged file.
+// repair is thorough unless --compatible; the result goes where -o says, or
+// beside the damaged file as NAME_repaired.EXT, and nothing else is left there
+// or in the work directory.
 TEST(CliRepair, ThoroughByDefaultReportsTheJudgeAndWritesWhereAsked) {
     std::string source = ShortMkv();
     ASSERT_FALSE(source.empty());
@@ -315,23 +211,22 @@ TEST(CliRepair, ThoroughByDefaultReportsTheJudgeAndWritesWhereAsked) {
         CliRun run = RunCli(args);
         ASSERT_EQ(run.code, 0) << run.err;
         EXPECT_TRUE(input.Unchanged());
-        std::string repaired = destination;
+        std::string repaired = c.output ? destination : dir.file("in/damaged clip_repaired.mkv");
         if (!c.json) {
             for (const char* line : {"  verdict   ", "  reason    ", "video frames      video audio packets",
                                      "  damaged   ", "  repaired  "}) {
                 EXPECT_NE(run.out.find(line), std::string::npos) << line << "\n" << run.out;
             }
-            EXPECT_EQ(run.out.find("saved as"), std::string::npos) << "written in place, not copied\n" << run.out;
+            EXPECT_NE(run.out.find("  written   " + destination), std::string::npos) << run.out;
         } else {
-            Poco::JSON::Object::Ptr json = ParseJson(run.out);
-            EXPECT_EQ(json->getValue<std::string>("road"), c.road);
-            Poco::JSON::Object::Ptr file = FirstFile(json);
+            ASSERT_EQ(JsonLines(run.out).size(), 1u) << run.out;
+            Poco::JSON::Object::Ptr file = FirstFile(run.out);
             EXPECT_EQ(file->getValue<std::string>("status"), "repaired");
             EXPECT_EQ(file->getValue<std::string>("road"), c.road);
-            repaired = file->getValue<std::string>("repairedPath");
-            if (c.output) {
-                EXPECT_EQ(file->getValue<std::string>("savedPath"), destination);
-            }
+            EXPECT_EQ(file->getValue<std::string>("savedPath"), repaired);
+            EXPECT_EQ(file->getValue<std::string>("repairedPath"), repaired);
+            EXPECT_EQ(file->getArray("lostStreams")->size(), 0u);
+            EXPECT_NEAR(file->getValue<int>("repairedFrames"), CountDecodedVideoFrames(repaired), 2);
             bool thorough = std::string(c.road) == "thorough";
             EXPECT_EQ(file->isNull("verdict"), !thorough);
             if (thorough) {
@@ -346,14 +241,10 @@ TEST(CliRepair, ThoroughByDefaultReportsTheJudgeAndWritesWhereAsked) {
                 EXPECT_NEAR(CountDecodedVideoFrames(repaired), after->getValue<int>("videoFrames"), 2);
             }
         }
-        if (std::string(c.road) == "thorough") {
-            if (c.output) {
-                EXPECT_EQ(repaired, destination);
-            }
-            EXPECT_EQ(repair_harness::FilesIn(dir.file("in")), c.output ? 1u : 2u) << "what lies beside the damaged file";
-        }
-        EXPECT_NE(FormatName(c.output ? destination : repaired).find("matroska"), std::string::npos);
-        EXPECT_NEAR(CountDecodedVideoFrames(c.output ? destination : repaired), 45, 8);
+        EXPECT_EQ(repair_harness::FilesIn(dir.file("in")), c.output ? 1u : 2u) << "what lies beside the damaged file";
+        EXPECT_EQ(EntriesIn(dir.file("work")), 0u) << "intermediates left in the work directory";
+        EXPECT_NE(FormatName(repaired).find("matroska"), std::string::npos);
+        EXPECT_NEAR(CountDecodedVideoFrames(repaired), 45, 8);
     }
 }
 
@@ -366,27 +257,24 @@ TEST(CliRemux, TruncatedMkvIsRemuxedSavedAndReportedInJson) {
 
     CliRun run = RunCli({"remux", damaged, "-o", dir.file("saved/clip.mkv"), "--json", "--work-dir", dir.file("work")});
     ASSERT_EQ(run.code, 0) << run.err;
-    Poco::JSON::Object::Ptr json = ParseJson(run.out);  // stdout holds nothing but the object
-    EXPECT_EQ(json->getValue<std::string>("command"), "remux");
-    EXPECT_FALSE(json->getValue<std::string>("version").empty());
-    EXPECT_EQ(json->getValue<int>("exitCode"), 0);
-    EXPECT_FALSE(json->getValue<bool>("cancelled"));
-    EXPECT_EQ(json->getValue<std::string>("logFile"), dir.file("work") + "/KzVideoRepair.log");
-    Poco::JSON::Object::Ptr file = FirstFile(json);
+    ASSERT_EQ(JsonLines(run.out).size(), 1u) << run.out;  // stdout holds nothing but the line
+    Poco::JSON::Object::Ptr file = FirstFile(run.out);
+    EXPECT_EQ(file->getValue<std::string>("command"), "remux");
+    EXPECT_FALSE(file->getValue<std::string>("version").empty());
     EXPECT_EQ(file->getValue<std::string>("input"), damaged);
     EXPECT_EQ(file->getValue<std::string>("status"), "repaired");
     EXPECT_EQ(file->getValue<int>("exitCode"), 0);
     EXPECT_EQ(file->getValue<int>("libraryResult"), 0);
     EXPECT_TRUE(file->isNull("error"));
-    std::string repaired = file->getValue<std::string>("repairedPath");
-    EXPECT_EQ(repaired.rfind(dir.file("work") + "/RepairedVideo/", 0), 0u) << repaired;
-    EXPECT_EQ(fs::path(repaired).extension(), ".mkv");
+    EXPECT_EQ(file->getValue<std::string>("repairedPath"), dir.file("saved/clip.mkv"));
     EXPECT_EQ(file->getValue<std::string>("savedPath"), dir.file("saved/clip.mkv"));
+    EXPECT_EQ(EntriesIn(dir.file("work")), 0u) << "the remux's intermediate is gone";
 
     Poco::JSON::Object::Ptr after = file->getObject("report")->getObject("repaired");
     ASSERT_TRUE(after);
     EXPECT_TRUE(after->getValue<bool>("opens"));
-    int reportedFrames = after->getValue<int>("videoFrames");
+    int reportedFrames = file->getValue<int>("repairedFrames");
+    EXPECT_EQ(after->getValue<int>("decodedFrames"), reportedFrames);
     EXPECT_GT(after->getValue<double>("durationSeconds"), 1.0);
     EXPECT_EQ(after->getArray("streams")->size(), 2u);
     EXPECT_EQ(after->getArray("streams")->getObject(0)->getValue<std::string>("codec"), "mpeg4");
@@ -414,7 +302,7 @@ TEST(CliRemux, SeveralFilesIntoOneDirectoryEndWithASummaryTable) {
                          dir.file("work")});
     EXPECT_EQ(run.code, kMissingFile) << run.err;  // the first file that did not succeed
     EXPECT_NE(run.out.find("video frames"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("frames before"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("before   after  written"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("missing"), std::string::npos) << run.out;
     EXPECT_EQ(ReadFile(first), firstBytes);
     EXPECT_NEAR(CountDecodedVideoFrames(dir.file("a_repaired.mkv")), 37, 8);
@@ -424,23 +312,31 @@ TEST(CliRemux, SeveralFilesIntoOneDirectoryEndWithASummaryTable) {
 TEST(CliRemux, UnreadableMediaFailsWithTheLibrarysReason) {
     TempDir dir("cli");
     WriteFile(dir.file("noise.mkv"), std::string(20000, '\x5a'));
-    CliRun run = RunCli({"remux", dir.file("noise.mkv"), "--json", "--work-dir", dir.file("work")});
+    CliRun run = RunCli({"remux", dir.file("noise.mkv"), "--json", "--work-dir", dir.file("work"), "--log-dir",
+                         dir.file("logs")});
     EXPECT_EQ(run.code, kRepairFailed);
+    EXPECT_NE(ReadFile(dir.file("logs/KzVideoRepair.log")).find("FfmpegRepair failed, ret:"), std::string::npos);
     EXPECT_NE(run.err.find("FfmpegRepair failed, ret:"), std::string::npos) << run.err;
-    Poco::JSON::Object::Ptr file = FirstFile(ParseJson(run.out));
+    Poco::JSON::Object::Ptr file = FirstFile(run.out);
     EXPECT_EQ(file->getValue<std::string>("status"), "failed");
     EXPECT_TRUE(file->isNull("repairedPath"));
     EXPECT_NE(file->getValue<std::string>("error").find("ffmpeg:"), std::string::npos);
+    EXPECT_NE(file->getValue<std::string>("advice").find("--sample"), std::string::npos);
 }
 
 TEST(CliRemux, WithoutFfmpegBesideTheProgramTheCodeSaysSo) {
     TempDir dir("cli");
-    // The library looks for ffmpeg beside the running program: a copy elsewhere has none.
-    std::string program = CopiedProgram(dir);
+    // The library looks for ffmpeg beside the running program, then on PATH: a copy
+    // elsewhere, run with a PATH that holds no ffmpeg, has none.
+    Launch program = CopiedProgram(dir);
     WriteFile(dir.file("clip.mkv"), "bytes");
+    const std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
+    setenv("PATH", dir.path().c_str(), 1);
     CliProcess process({"remux", dir.file("clip.mkv"), "--work-dir", dir.file("work")}, program);
+    setenv("PATH", path.c_str(), 1);
     EXPECT_EQ(process.Wait(), kFfmpegMissing);
-    EXPECT_NE(process.err.find("ffmpeg not found beside the videorepair program"), std::string::npos) << process.err;
+    EXPECT_NE(process.err.find("ffmpeg not found"), std::string::npos) << process.err;
+    EXPECT_NE(process.out.find("--ffmpeg PATH"), std::string::npos) << process.out;
 }
 
 TEST(CliRepair, CtrlCDuringAnAviRepairStillLeavesARepairedFile) {
@@ -468,7 +364,8 @@ TEST(CliRepair, CtrlCDuringAnAviRepairStillLeavesARepairedFile) {
         int code = process.Wait();
         // The signal may land after the engine finished; either way a result is there.
         EXPECT_TRUE(code == kCancelled || code == 0) << code << process.err;
-        Poco::JSON::Object::Ptr file = FirstFile(ParseJson(process.out));
+        Poco::JSON::Object::Ptr file = FirstFile(process.out);
+        ASSERT_TRUE(file) << process.err;
         EXPECT_EQ(file->getValue<std::string>("status"), code == kCancelled ? "cancelled" : "repaired");
         std::string repaired = file->getValue<std::string>("repairedPath");
         EXPECT_EQ(FormatName(repaired), "avi") << repaired;
@@ -476,12 +373,13 @@ TEST(CliRepair, CtrlCDuringAnAviRepairStillLeavesARepairedFile) {
             EXPECT_GT(CountDecodedVideoFrames(repaired), 0) << repaired;
         }
         EXPECT_TRUE(input.Unchanged());
+        EXPECT_EQ(EntriesIn(dir.file("work")), 0u);
     }
 }
 
 TEST(CliSignals, CtrlCOnceCancelsYetKeepsAndSavesTheResult) {
     TempDir dir("cli");
-    std::string program = CopiedProgram(dir);
+    Launch program = CopiedProgram(dir);
     SlowFfmpeg(dir, "1");
     WriteFile(dir.file("clip.mkv"), "what ffmpeg found");
     WriteFile(dir.file("later.mkv"), "never reached");
@@ -492,20 +390,23 @@ TEST(CliSignals, CtrlCOnceCancelsYetKeepsAndSavesTheResult) {
     process.Signal(SIGINT);
     EXPECT_EQ(process.Wait(), kCancelled) << process.err;
     EXPECT_NE(process.err.find("Cancelling"), std::string::npos) << process.err;
-    Poco::JSON::Object::Ptr json = ParseJson(process.out);
-    EXPECT_TRUE(json->getValue<bool>("cancelled"));
-    Poco::JSON::Object::Ptr first = FirstFile(json);
+    std::vector<Poco::JSON::Object::Ptr> lines = JsonLines(process.out);
+    ASSERT_EQ(lines.size(), 2u) << process.out;
+    // The skipped file is known at once; the cancelled one when its worker ends.
+    Poco::JSON::Object::Ptr first = lines[0], second = lines[1];
+    if (first->getValue<std::string>("status") == "skipped") std::swap(first, second);
     EXPECT_EQ(first->getValue<std::string>("status"), "cancelled");
-    EXPECT_EQ(ReadFile(first->getValue<std::string>("repairedPath")), "what ffmpeg found");
+    EXPECT_EQ(first->getValue<std::string>("savedPath"), dir.file("out/clip.mkv"));
     EXPECT_EQ(ReadFile(dir.file("out/clip.mkv")), "what ffmpeg found");
-    Poco::JSON::Object::Ptr second = json->getArray("files")->getObject(1);
     EXPECT_EQ(second->getValue<std::string>("status"), "skipped");
+    EXPECT_EQ(second->getValue<std::string>("input"), dir.file("later.mkv"));
     EXPECT_EQ(ReadFile(dir.file("clip.mkv")), "what ffmpeg found");
+    EXPECT_EQ(EntriesIn(dir.file("work")), 0u);
 }
 
-TEST(CliSignals, SecondCtrlCQuitsAtOnce) {
+TEST(CliSignals, SecondCtrlCQuitsAtOnceAndLeavesNoIntermediates) {
     TempDir dir("cli");
-    std::string program = CopiedProgram(dir);
+    Launch program = CopiedProgram(dir);
     SlowFfmpeg(dir, "3");
     WriteFile(dir.file("clip.mkv"), "bytes");
     // With --json the progress lines go to stderr, where the test watches them.
@@ -516,4 +417,24 @@ TEST(CliSignals, SecondCtrlCQuitsAtOnce) {
     process.Signal(SIGINT);
     EXPECT_EQ(process.Wait(), 130);
     EXPECT_NE(process.err.find("quitting at once"), std::string::npos) << process.err;
+    EXPECT_EQ(EntriesIn(dir.file("work")), 0u);
+}
+
+// A run killed outright (SIGKILL, a crash) cannot clean up: the next run on the
+// machine removes what it left, and never another live run's folder.
+TEST(CliSignals, TheNextRunRemovesWhatAKilledRunLeft) {
+    TempDir dir("cli");
+    std::string host = Poco::Environment::nodeName();
+    std::string gone = dir.file("work/run-" + host + "-2147483646-1");
+    std::string alive = dir.file("work/run-" + host + "-" + std::to_string(getpid()) + "-1");
+    std::string elsewhere = dir.file("work/run-other-machine-2147483646-1");
+    for (const std::string& run : {gone, alive, elsewhere}) {
+        fs::create_directories(run);
+        WriteFile(run + "/intermediate.avi", "bytes");
+    }
+    WriteFile(dir.file("clip.mkv"), "bytes");
+    RunCli({"remux", dir.file("clip.mkv"), "--work-dir", dir.file("work")});
+    EXPECT_FALSE(fs::exists(gone));
+    EXPECT_TRUE(fs::exists(alive));
+    EXPECT_TRUE(fs::exists(elsewhere));
 }

@@ -40,13 +40,19 @@ protected:
     IVideoRepairManager* manager_ = nullptr;
 };
 
+// Sets (or, with nullptr, removes) a variable and puts the old value back.
 class ScopedEnv {
 public:
-    ScopedEnv(const char* name, const char* value) : name_(name) { setenv(name, value, 1); }
-    ~ScopedEnv() { unsetenv(name_); }
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old, had_ = true;
+        value ? setenv(name, value, 1) : unsetenv(name);
+    }
+    ~ScopedEnv() { had_ ? setenv(name_, old_.c_str(), 1) : unsetenv(name_); }
 
 private:
     const char* name_;
+    std::string old_;
+    bool had_ = false;
 };
 
 }  // namespace
@@ -116,17 +122,48 @@ TEST_F(FfmpegRepair, AWorkFolderThatCannotBeMadeFailsWithALine) {
     EXPECT_NE(ReadFile(dir_.file("KzVideoRepair.log")).find("FfmpegRepair failed"), std::string::npos);
 }
 
-TEST(FfmpegMissing, LogsTheMissingProgramAndTheObserverHearsNoProgress) {
+// A host in a folder without ffmpeg: the variable comes next, then PATH; a named
+// path that is wrong is reported, not replaced by the one on PATH.
+TEST(FfmpegLookup, BesideTheHostThenTheVariableThenPath) {
     TempDir dir;
-    std::string out;
-    ASSERT_EQ(RunProgram({VR_TEST_ISOLATED_HOST, VR_TEST_LIBRARY_PATH, dir.path(), dir.file("work"),
-                          dir.file("clip.avi")},
-                         &out),
-              0);
-    EXPECT_EQ(out, "rc=-1 events=start,finish,\n");
-    std::string isolated = fs::path(VR_TEST_ISOLATED_HOST).parent_path().string();
-    EXPECT_NE(ReadFile(dir.file("KzVideoRepair.log")).find("FfmpegRepair failed, ffmpeg missing: " + isolated + "/ffmpeg"),
-              std::string::npos);
+    const std::string source = SourceClip();
+    ASSERT_FALSE(source.empty());
+    fs::copy_file(source, dir.file("clip.avi"));
+    const std::string isolatedFfmpeg = fs::path(VR_TEST_ISOLATED_HOST).parent_path().string() + "/ffmpeg";
+    const std::string withFfmpeg = dir.file("path_with_ffmpeg");
+    const std::string withoutFfmpeg = dir.file("path_without_ffmpeg");
+    fs::create_directories(withFfmpeg);
+    fs::create_directories(withoutFfmpeg);
+    fs::create_symlink(fs::canonical(BinDir() + "/ffmpeg"), withFfmpeg + "/ffmpeg");
+    struct Case {
+        const char* name;
+        const char* variable;  // VIDEOREPAIR_FFMPEG, or nullptr for unset
+        std::string path;
+        std::string expectedLine;
+        const char* expectedResult;
+    };
+    const std::string named = BinDir() + "/ffmpeg";
+    const std::vector<Case> cases = {
+        {"nowhere", nullptr, withoutFfmpeg, "FfmpegRepair failed, ffmpeg missing: " + isolatedFfmpeg, "rc=-1 events=start,finish,\n"},
+        {"on PATH", nullptr, withoutFfmpeg + ":" + withFfmpeg, "FfmpegRepair command: \"" + withFfmpeg + "/ffmpeg\"", "rc=0 "},
+        {"named", named.c_str(), withoutFfmpeg, "FfmpegRepair command: \"" + named + "\"", "rc=0 "},
+        {"named wrong", "/nowhere/ffmpeg", withFfmpeg, "FfmpegRepair failed, ffmpeg missing: /nowhere/ffmpeg", "rc=-1 "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir logs;
+        std::string out;
+        {
+            ScopedEnv variable("VIDEOREPAIR_FFMPEG", c.variable);
+            ScopedEnv path("PATH", c.path.c_str());
+            ASSERT_EQ(RunProgram({VR_TEST_ISOLATED_HOST, VR_TEST_LIBRARY_PATH, logs.path(), logs.file("work"),
+                                  dir.file("clip.avi")},
+                                 &out),
+                      0);
+        }
+        EXPECT_EQ(out.rfind(c.expectedResult, 0), 0u) << out;
+        EXPECT_NE(ReadFile(logs.file("KzVideoRepair.log")).find(c.expectedLine), std::string::npos);
+    }
 }
 
 TEST(RunCommand, ExitCodesAndStartFailures) {

@@ -33,7 +33,7 @@ using namespace testing_support;
 
 constexpr int kMissingFile = 4;
 constexpr int kSaveFailed = 6;
-constexpr int kPartlyRecovered = 9;
+constexpr int kPartlyRecovered = 11;
 
 using Faults = std::map<std::string, std::string>;
 
@@ -88,15 +88,14 @@ ToolRun RunTool(const std::vector<std::string>& args, const Faults& faults) {
     return run;
 }
 
-// The "unreadable" list of the first file in the program's JSON.
+// The "unreadable" list of the first file in the program's JSON lines.
 std::vector<std::pair<int64_t, int64_t>> UnreadableOf(const std::string& output) {
     std::vector<std::pair<int64_t, int64_t>> ranges;
-    size_t open = output.find('{');
-    size_t close = output.rfind('}');
-    if (open == std::string::npos || close == std::string::npos) return ranges;
+    size_t open = output.find("{\"input\"");
+    if (open == std::string::npos) return ranges;
+    size_t close = output.find('\n', open);
     try {
-        auto root = Poco::JSON::Parser().parse(output.substr(open, close - open + 1)).extract<Poco::JSON::Object::Ptr>();
-        auto file = root->getArray("files")->getObject(0);
+        auto file = Poco::JSON::Parser().parse(output.substr(open, close - open)).extract<Poco::JSON::Object::Ptr>();
         auto list = file->getArray("unreadable");
         for (size_t i = 0; list && i < list->size(); ++i) {
             auto r = list->getObject(unsigned(i));

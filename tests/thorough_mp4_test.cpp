@@ -60,7 +60,14 @@ TEST(Mp4AccessUnitTest, TellsWhereEachVideoSampleEnds) {
     Bytes lying = Prefixed(Nal(0x41, 60));
     lying[3] = char(60 + 4 + 40);  // runs into the next sample's prefix
     Bytes hevcIdr = Prefixed(Bytes{'\x26', '\x01', '\x80', '\x33', '\x44', '\x55'});
+    // SEI messages: user data (type 5, two bytes), then a recovery point whose count is 0 or 2.
+    Bytes recoversHere = Prefixed(Bytes("\x06\x05\x02\x11\x22\x06\x01\xC4\x80", 9));
+    Bytes recoversLater = Prefixed(Bytes("\x06\x06\x01\x64\x80", 5));
     const MeasureCase cases[] = {
+        {"recovery point at this picture, no IDR", recoversHere + Slice(80) + Slice(9), H264(),
+         recoversHere.size() + Slice(80).size(), true},
+        {"recovery point two pictures on", recoversLater + Slice(80), H264(), recoversLater.size() + Slice(80).size(),
+         false},
         {"key sample, then audio", Idr(200) + AudioLike(50), H264(), Idr(200).size(), true},
         {"P sample, then the next sample", Slice(80) + Slice(90), H264(), Slice(80).size(), false},
         {"second slice kept where pictures have two", Slice(80) + SecondSlice(40) + Slice(9), H264(2),
@@ -81,6 +88,27 @@ TEST(Mp4AccessUnitTest, TellsWhereEachVideoSampleEnds) {
         EXPECT_EQ(reader.Measure(reinterpret_cast<const uint8_t*>(c.data.data()), c.data.size(), key), c.expected)
             << c.name;
         EXPECT_EQ(key, c.key) << c.name;
+    }
+}
+
+// A start code or a length prefix inside a unit, wherever it falls against the
+// words the search steps by; a lone zero byte or 00 00 03 is no such thing.
+TEST(Mp4AccessUnitTest, FindsForbiddenSequencesAtEveryAlignment) {
+    for (size_t size : {3u, 9u, 10u, 17u, 40u}) {
+        for (size_t at = 0; at + 3 <= size; ++at) {
+            for (char third : {'\x00', '\x01', '\x02', '\x03'}) {
+                Bytes data(size, '\x55');
+                data[at] = data[at + 1] = '\0';
+                data[at + 2] = third;
+                const bool forbidden = third != '\x03';
+                EXPECT_EQ(thorough::nal::HasForbiddenSequence(reinterpret_cast<const uint8_t*>(data.data()), size),
+                          forbidden)
+                    << "size " << size << " at " << at << " third " << int(third);
+            }
+        }
+        Bytes lone(size, '\x55');
+        lone[size / 2] = '\0';
+        EXPECT_FALSE(thorough::nal::HasForbiddenSequence(reinterpret_cast<const uint8_t*>(lone.data()), size));
     }
 }
 
@@ -424,6 +452,32 @@ INSTANTIATE_TEST_SUITE_P(Recorders, Mp4UnfinishedTest,
                          [](const auto& info) {
                              return std::get<0>(info.param).name + "_" + std::get<1>(info.param).name;
                          });
+
+// A camera that writes one IDR picture and then only I pictures with recovery
+// points (an open GOP): with the start of the recording gone, decoding starts
+// again at the next recovery point instead of waiting for an IDR that never comes.
+TEST(Mp4RecoveryPointTest, AnOpenGopRecordingRestartsAtItsRecoveryPoints) {
+    const Recorder openGop{"h264_open_gop", "mp4",
+                           {"-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", "-x264-params",
+                            "open-gop=1:keyint=25:min-keyint=25:scenecut=0", "-c:a", "aac"}};
+    std::string healthy = Make(openGop, false), sample = Make(openGop, true);
+    ASSERT_FALSE(healthy.empty());
+    std::string bytes = ReadFile(healthy);
+    std::string cut = bytes.substr(0, size_t(IndexAt(bytes)));
+    std::vector<ProbedPacket> packets = PositionedPackets(ProbeVideoPackets(healthy));
+    ASSERT_GT(packets.size(), 75u);
+    const int64_t zeroedEnd = packets[30].position;  // the IDR and the first group are gone
+    cut.replace(0, size_t(zeroedEnd), size_t(zeroedEnd), '\0');
+    TempDir dir("mp4opengop");
+    std::string damaged = dir.file("damaged.mp4");
+    WriteFile(damaged, cut);
+    int whole = 0;
+    for (const ProbedPacket& p : packets) whole += p.position >= zeroedEnd;
+    const auto [run, reason] = RepairThoroughly(damaged, sample, dir);
+    ASSERT_EQ(run.result, 0) << reason;
+    // The pictures that lean on the lost group before the first recovery point are lost too.
+    EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), int(0.7 * whole)) << reason;
+}
 
 // A sample of another codec, or of the same codec with other settings, is no
 // guide: the tool says so and writes nothing. A sample whose sound is another

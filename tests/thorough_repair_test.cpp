@@ -230,3 +230,21 @@ TEST(ThoroughRepairCancelTest, CancelKeepsAPlayableResult) {
 }
 
 }  // namespace
+
+// Cameras name their files 00000.MTS or MVI_0001.AVI: the thorough road takes
+// any letter case, while Repair keeps its exact-case table and refuses them.
+TEST(ThoroughRepairNamesTest, UpperCaseExtensionsTakeTheThoroughRoad) {
+    for (const EngineClip& clip : AllEngineClips()) {
+        SCOPED_TRACE(clip.engine);
+        std::string healthy = MakeEngineClip(clip, false);
+        TempDir dir("uppercase");
+        std::string extension = clip.extension;
+        for (char& c : extension) c = char(std::toupper(static_cast<unsigned char>(c)));
+        std::string damaged = dir.file("CLIP." + extension);
+        WriteFile(damaged, ReadFile(healthy).substr(0, size_t(testing_support::FileSize(healthy) * 7 / 10)));
+        ManagerRun thorough = ThoroughRepairThroughManager(damaged, "", dir);
+        ASSERT_EQ(thorough.result, 0);
+        EXPECT_GT(CountDecodedVideoFrames(thorough.repairedPath), 0) << thorough.repairedPath;
+        EXPECT_EQ(RepairThroughManager(damaged, MakeEngineClip(clip, true), dir).result, -1);
+    }
+}

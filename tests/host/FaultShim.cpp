@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -71,13 +72,21 @@ F Real(const char* name) {
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
+bool EndsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 void Classify(int fd, const char* path) {
     if (fd < 0 || fd >= kMaxFd || path == nullptr) return;
     const Config& c = Settings();
     std::string p = path;
+    // A link to the faulty file (the tool reads through views of its inputs) is the file.
+    if (!c.readSuffix.empty() && !EndsWith(p, c.readSuffix)) {
+        char resolved[PATH_MAX];
+        if (realpath(path, resolved) != nullptr && EndsWith(resolved, c.readSuffix)) p = resolved;
+    }
     kinds[fd] = kPlain;
-    if (!c.readSuffix.empty() && p.size() >= c.readSuffix.size() &&
-        p.compare(p.size() - c.readSuffix.size(), c.readSuffix.size(), c.readSuffix) == 0)
+    if (!c.readSuffix.empty() && EndsWith(p, c.readSuffix))
         kinds[fd] = kFaultyRead;
     else if (!c.writeDir.empty() && c.writeLimit >= 0 && p.compare(0, c.writeDir.size(), c.writeDir) == 0)
         kinds[fd] = kLimitedWrite;

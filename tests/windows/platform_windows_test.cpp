@@ -57,6 +57,33 @@ TEST(WindowsPlatform, HostProgramPathAndDefaultWorkDirectory) {
     manager.Release();
 }
 
+// PATH is set whole here: it may be longer than the fixed buffer ScopedEnv keeps.
+TEST(WindowsPlatform, ProgramsAreFoundInTheAbsoluteDirectoriesOfPath) {
+    TempDir dir("path");
+    std::wstring folder = Wide(dir.path());
+    for (wchar_t& c : folder) c = c == L'/' ? L'\\' : c;
+    WriteFile(dir.file("ffmpeg.exe"), "MZ");
+    fs::create_directories(fs::path(folder + L"\\empty"));
+    DWORD size = GetEnvironmentVariableW(L"PATH", nullptr, 0);
+    std::wstring saved(size, L'\0');
+    saved.resize(GetEnvironmentVariableW(L"PATH", &saved[0], size));
+    struct Case {
+        std::wstring path;
+        std::wstring found;
+    };
+    const std::vector<Case> cases = {
+        {L"", L""},
+        {folder + L"\\empty;\"" + folder + L"\"", folder + L"\\ffmpeg.exe"},
+        {folder + L"\\;" + folder + L"\\empty", folder + L"\\ffmpeg.exe"},
+        {L"relative;" + folder + L"\\empty", L""},
+    };
+    for (const Case& c : cases) {
+        SetEnvironmentVariableW(L"PATH", c.path.c_str());
+        EXPECT_EQ(platform::FindProgramOnPath(L"ffmpeg.exe"), c.found) << Narrow(c.path);
+    }
+    SetEnvironmentVariableW(L"PATH", size == 0 ? nullptr : saved.c_str());
+}
+
 TEST(WindowsPlatform, UuidsAreRandomVersionFour) {
     platform::Uuid a, b;
     ASSERT_TRUE(platform::NewUuid(a));

@@ -18,10 +18,11 @@ namespace console {
 namespace {
 
 std::atomic<int> interrupts{0};
+std::atomic<bool> quitOnSecondInterrupt{true};
 
 BOOL WINAPI OnControl(DWORD event) {
     if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT && event != CTRL_CLOSE_EVENT) return FALSE;
-    if (interrupts.fetch_add(1) >= 1) {
+    if (interrupts.fetch_add(1) >= 1 && quitOnSecondInterrupt.load()) {
         static const char kBye[] = "\nvideorepair: interrupted again, quitting at once\n";
         DWORD ignored = 0;
         WriteFile(GetStdHandle(STD_ERROR_HANDLE), kBye, DWORD(sizeof kBye - 1), &ignored, nullptr);
@@ -34,7 +35,10 @@ BOOL WINAPI OnControl(DWORD event) {
 
 bool IsTerminal(std::FILE* stream) { return _isatty(_fileno(stream)) != 0; }
 
-void InstallInterruptHandlers() { SetConsoleCtrlHandler(OnControl, TRUE); }
+void InstallInterruptHandlers(bool quitOnSecond) {
+    quitOnSecondInterrupt.store(quitOnSecond);
+    SetConsoleCtrlHandler(OnControl, TRUE);
+}
 
 int InterruptCount() { return interrupts.load(); }
 int PauseToggleCount() { return 0; }
@@ -63,6 +67,42 @@ std::vector<std::string> Utf8Arguments(int, char**) {
     // What the program prints is UTF-8 too.
     SetConsoleOutputCP(CP_UTF8);
     return args;
+}
+
+std::string ProgramPath() {
+    std::wstring path(32768, L'\0');
+    DWORD n = GetModuleFileNameW(nullptr, &path[0], DWORD(path.size()));
+    path.resize(n);
+    return wide_text::ToNarrow(path);
+}
+
+// A console's Ctrl-C reaches every process attached to it: workers hear it
+// themselves, so there is nothing to leave and nothing to pass on.
+void LeaveTerminalGroup() {}
+void Forward(int, Request) {}
+
+void KillWorker(int pid) {
+    HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, DWORD(pid));
+    if (process == nullptr) return;
+    TerminateProcess(process, UINT(exit_codes::kInterrupted));
+    CloseHandle(process);
+}
+
+bool ProcessExists(int pid) {
+    HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, DWORD(pid));
+    if (process == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
+    DWORD code = 0;
+    bool running = GetExitCodeProcess(process, &code) && code == STILL_ACTIVE;
+    CloseHandle(process);
+    return running;
+}
+
+bool CanAsk() { return _isatty(_fileno(stdin)) != 0 && _isatty(_fileno(stderr)) != 0; }
+
+std::string UserTag() {
+    wchar_t name[256] = {};
+    DWORD n = GetEnvironmentVariableW(L"USERNAME", name, 256);
+    return n > 0 && n < 256 ? wide_text::ToNarrow(name) : std::string("user");
 }
 
 }  // namespace console

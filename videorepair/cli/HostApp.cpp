@@ -1,64 +1,59 @@
 #include "HostApp.h"
 
-#include <Poco/File.h>
-#include <Poco/Path.h>
-#include <Poco/String.h>
+#include <Poco/Environment.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <sstream>
 
 #include "Console.h"
 #include "ExitCodes.h"
-#include "MediaReport.h"
-#include "RepairSession.h"
+#include "ReportRun.h"
+#include "Unreadable.h"
+#include "WorkerFiles.h"
+#include "WorkerPool.h"
 
 namespace {
 
-// The library refuses these on every road but the thorough one, without a word;
-// named here only to explain why.
-const char* const kRefusedExtensions[] = {"mp4", "mov", "3gp", "3g2", "m4v", "insv", "360", "m4a"};
+namespace fs = std::filesystem;
 
-bool IsRefused(const std::string& path) {
-    std::string extension = Poco::toLower(Poco::Path(path).getExtension());
-    for (const char* refused : kRefusedExtensions) {
-        if (extension == refused) return true;
-    }
-    return false;
+
+std::string ReadText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
-bool SameFile(const std::string& a, const std::string& b) {
+bool Exists(const std::string& path) {
     std::error_code ec;
-    return std::filesystem::equivalent(std::filesystem::u8path(a), std::filesystem::u8path(b), ec) && !ec;
+    return fs::exists(fs::u8path(path), ec);
 }
 
-std::string DefaultWorkDirectory() { return Poco::Path(Poco::Path::temp()).pushDirectory("VR").toString(); }
-
-ProgressDisplay::Style StyleFor(const CliOptions& options) {
-    if (options.quiet) return ProgressDisplay::Style::kNone;
-    std::FILE* out = options.json ? stderr : stdout;
-    return console::IsTerminal(out) ? ProgressDisplay::Style::kBar : ProgressDisplay::Style::kLines;
+// ffmpeg's question, answered on the terminal; anything but y or yes is no.
+bool AskToOverwrite(const std::string& path) {
+    std::fprintf(stderr, "File '%s' already exists. Overwrite? [y/N] ", path.c_str());
+    std::fflush(stderr);
+    std::string answer;
+    if (!std::getline(std::cin, answer)) return false;
+    return answer == "y" || answer == "Y" || answer == "yes";
 }
-
-bool IsFailure(const FileResult& file) { return file.exitCode != exit_codes::kOk; }
 
 }  // namespace
 
 std::string UnreadableReason(const std::string& path) {
-    try {
-        Poco::File file(path);
-        if (!file.exists()) return "not found";
-        if (!file.isFile()) return "not a regular file";
-        std::ifstream in(std::filesystem::u8path(path), std::ios::binary);  // UTF-8 names on every system
-        if (!in) return "cannot be read (permission denied?)";
-        return std::string();
-    } catch (const std::exception& e) {
-        return std::string("cannot be examined: ") + e.what();
-    }
+    std::error_code ec;
+    fs::path file = fs::u8path(path);
+    if (!fs::exists(file, ec)) return "not found";
+    if (!fs::is_regular_file(file, ec)) return "not a regular file";
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return "cannot be read (permission denied?)";
+    return std::string();
 }
 
-HostApp::HostApp(CliOptions options)
-    : options_(std::move(options)), display_(options_.json ? stderr : stdout, StyleFor(options_)) {
+HostApp::HostApp(CliOptions options) : options_(std::move(options)) {
     run_.command = options_.command == CliCommand::kRepair ? "repair" : "remux";
     if (options_.command == CliCommand::kRepair) run_.road = options_.compatible ? "compatible" : "thorough";
     run_.sample = options_.sample;
@@ -71,251 +66,258 @@ void HostApp::Fail(const std::string& message, int exitCode) {
     run_.exitCode = exitCode;
 }
 
-bool HostApp::PrepareDirectories() {
-    if (options_.workDirectory.empty()) options_.workDirectory = DefaultWorkDirectory();
-    if (options_.logDirectory.empty()) options_.logDirectory = options_.workDirectory;
-    // Trailing separators would double up in the paths the library makes.
-    options_.workDirectory = Poco::Path(options_.workDirectory, Poco::Path::PATH_NATIVE).makeDirectory().toString();
-    options_.logDirectory = Poco::Path(options_.logDirectory, Poco::Path::PATH_NATIVE).makeDirectory().toString();
-    for (std::string* directory : {&options_.workDirectory, &options_.logDirectory}) {
-        if (directory->size() > 1 && directory->back() == '/') directory->pop_back();
-        try {
-            Poco::File(*directory).createDirectories();
-        } catch (const std::exception& e) {
-            Fail("cannot create directory " + *directory + ": " + e.what(), exit_codes::kLibraryError);
-            return false;
-        }
+bool HostApp::CheckFfmpeg() {
+    if (options_.ffmpeg.empty()) return true;
+    std::error_code ec;
+    fs::path program = fs::absolute(fs::u8path(options_.ffmpeg), ec);
+    if (ec || !fs::is_regular_file(program, ec)) {
+        Fail("--ffmpeg " + options_.ffmpeg + ": no such program", exit_codes::kFfmpegMissing);
+        return false;
     }
-    run_.workDirectory = options_.workDirectory;
-    run_.logFile = options_.logDirectory + "/KzVideoRepair.log";
+    // The library reads it when it looks for ffmpeg; workers inherit it.
+    Poco::Environment::set("VIDEOREPAIR_FFMPEG", program.u8string());
     return true;
 }
 
 bool HostApp::CheckSample() {
     if (options_.command != CliCommand::kRepair || options_.sample.empty()) return true;
     std::string reason = UnreadableReason(options_.sample);
-    if (reason.empty()) reason = ReadThroughFailure(options_.sample);
-    if (!reason.empty() && reason.find("cannot") == std::string::npos && reason != "not found") reason = "cannot be read: " + reason;
+    if (reason.empty()) {
+        std::string failure = ReadThroughFailure(options_.sample);
+        if (!failure.empty()) reason = "cannot be read: " + failure;
+    }
     if (reason.empty()) return true;
     Fail("sample " + options_.sample + ": " + reason, exit_codes::kMissingFile);
     return false;
 }
 
-bool HostApp::PrepareOutput() {
-    if (options_.output.empty()) return true;
-    const std::string& output = options_.output;
-    bool existingDirectory = Poco::File(output).exists() && Poco::File(output).isDirectory();
-    outputIsDirectory_ = existingDirectory || options_.inputs.size() > 1 || output.back() == '/';
-    if (!outputIsDirectory_ && IsProtected(output)) {
-        Fail("-o " + output + " is a damaged file or the sample; they are never overwritten", exit_codes::kUsage);
+void HostApp::Report(const FileResult& file, const std::string& jsonLine, const std::string& humanText) {
+    if (file.exitCode != exit_codes::kOk && file.status != "skipped") {
+        std::fprintf(stderr, "videorepair: %s: %s\n", file.input.c_str(), file.error.c_str());
+    }
+    std::string text = options_.json ? jsonLine + "\n" : humanText;
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+    run_.files.push_back(file);
+}
+
+void HostApp::Skip(const PlannedFile& planned, const std::string& status, int exitCode, const std::string& error) {
+    FileResult file;
+    file.input = planned.input;
+    file.method = run_.command;
+    file.road = run_.road;
+    file.status = status;
+    file.exitCode = exitCode;
+    file.error = error;
+    if (status == "exists") file.advice = "-y replaces it, -n skips it without an error";
+    // A missing file was named on standard error already.
+    Report(file, FileJsonLine(file, run_), status == "missing" ? std::string() : FileReport(file, run_));
+}
+
+bool HostApp::MayWrite(const PlannedFile& planned, FileResult& refused) {
+    if (!Exists(planned.destination) || options_.overwrite == OverwritePolicy::kYes) return true;
+    refused.input = planned.input;
+    if (options_.overwrite == OverwritePolicy::kNever) {
+        refused.status = "skipped";
+        refused.exitCode = exit_codes::kOk;
+        refused.error = planned.destination + " exists: kept (-n)";
         return false;
     }
-    if (outputIsDirectory_ && Poco::File(output).exists() && !existingDirectory) {
-        Fail("-o " + output + " must be a directory when several damaged files are given", exit_codes::kUsage);
+    if (console::CanAsk() && AskToOverwrite(planned.destination)) return true;
+    refused.status = "exists";
+    refused.exitCode = exit_codes::kOutputExists;
+    refused.error = planned.destination + " already exists; not overwritten";
+    return false;
+}
+
+bool HostApp::PlanFiles() {
+    InputPlan plan(options_);
+    std::string error;
+    if (!plan.CheckOutput(options_.inputs.size(), error)) {
+        Fail(error, exit_codes::kUsage);
         return false;
+    }
+    std::vector<std::string> skipped;
+    std::vector<std::string> inputs = plan.Expand(skipped);
+    for (const std::string& reason : skipped) std::fprintf(stderr, "videorepair: skipping %s\n", reason.c_str());
+    if (inputs.empty()) {
+        Fail("nothing to repair: no video file among the damaged files and folders given", exit_codes::kMissingFile);
+        return false;
+    }
+    total_ = inputs.size();
+    for (const std::string& input : inputs) {
+        PlannedFile planned;
+        planned.input = input;
+        std::string reason = UnreadableReason(input);
+        if (!reason.empty()) {
+            Skip(planned, "missing", exit_codes::kMissingFile, "damaged file " + reason);
+            continue;
+        }
+        planned = plan.Plan(input);
+        FileResult refused;
+        if (!MayWrite(planned, refused)) {
+            Skip(planned, refused.status, refused.exitCode, refused.error);
+            continue;
+        }
+        if (!planned.note.empty()) std::fprintf(stderr, "videorepair: %s\n", planned.note.c_str());
+        pending_.push_back({planned, pending_.size()});
     }
     return true;
 }
 
-bool HostApp::IsProtected(const std::string& path) const {
-    if (!options_.sample.empty() && SameFile(path, options_.sample)) return true;
-    for (const std::string& input : options_.inputs) {
-        if (SameFile(path, input)) return true;
+std::string HostApp::ProgressStyle() const {
+    if (options_.quiet) return "none";
+    // Several workers drawing one bar each on a terminal would overwrite each other.
+    if (options_.jobs > 1 || !console::IsTerminal(stderr)) return "lines";
+    return "bar";
+}
+
+std::vector<std::string> HostApp::WorkerArgs(const Pending& pending) const {
+    std::string label = fs::u8path(pending.plan.input).filename().u8string();
+    if (total_ > 1)
+        label = "[" + std::to_string(pending.index + 1) + "/" + std::to_string(pending_.size()) + "] " + label;
+    std::vector<std::string> args = WorkerArguments(options_);
+    // name=value forms, so that a name starting with '-' is never taken for an option.
+    args.push_back("--worker=" + workDirectory_.FileDirectory(pending.index));
+    args.push_back("--progress=" + ProgressStyle());
+    args.push_back("--label=" + label);
+    args.push_back("--output=" + pending.plan.destination);
+    if (!pending.plan.note.empty()) args.push_back("--note=" + pending.plan.note);
+    // The record costs a walk over the result's packets: only for those who show it.
+    if (options_.json || !options_.report.empty() || !options_.contactSheet.empty()) args.push_back("--record");
+    args.push_back("--index=" + std::to_string(pending.index));
+    args.push_back("--count=" + std::to_string(pending_.size()));
+    args.push_back("--");
+    args.push_back(pending.plan.input);
+    return args;
+}
+
+void HostApp::Collect(const Pending& pending, int exitCode) {
+    fs::path directory = fs::u8path(workDirectory_.FileDirectory(pending.index));
+    std::string line = ReadText(directory / kResultFile);
+    FileResult file;
+    if (!ReadFileJsonLine(line, file)) {
+        file = FileResult();
+        file.method = run_.command;
+        file.road = run_.road;
+        file.status = "failed";
+        file.exitCode = exit_codes::kRepairFailed;
+        file.error = "the repair process ended without a result (exit code " + std::to_string(exitCode) + ")";
+        file.input = pending.plan.input;
+        Report(file, FileJsonLine(file, run_), FileReport(file, run_));
+        KeepLog(directory);
+        return;
     }
+    file.input = pending.plan.input;  // JSON holds a UTF-8 rendering; the name itself may be any bytes
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    Report(file, line, ReadText(directory / kReportFile));
+    KeepLog(directory);
+    // Nothing the library made for this file stays behind.
+    std::error_code ec;
+    fs::remove_all(directory, ec);
+}
+
+void HostApp::KeepLog(const fs::path& fileDirectory) const {
+    if (options_.logDirectory.empty()) return;
+    std::error_code ec;
+    fs::create_directories(fs::u8path(options_.logDirectory), ec);
+    // One file's lines after another's, never interleaved: only the tool writes here.
+    std::ofstream out(fs::u8path(options_.logDirectory) / kLogFile, std::ios::binary | std::ios::app);
+    out << ReadText(fileDirectory / kLogFolder / kLogFile);
+}
+
+bool HostApp::StartNext(WorkerPool& pool, size_t& next) {
+    const Pending& pending = pending_[next++];
+    std::string error;
+    if (pool.Start(pending.index, WorkerArgs(pending), error)) return true;
+    Fail(error, exit_codes::kLibraryError);
     return false;
 }
 
-std::string HostApp::DestinationFor(const std::string& input) {
-    if (!outputIsDirectory_) return options_.output;
-    Poco::Path name(input);
-    Poco::Path directory = Poco::Path(options_.output).makeDirectory();
-    std::string candidate = Poco::Path(directory, name.getFileName()).toString();
-    // Never onto a damaged file or the sample, never twice onto one name.
-    for (int n = 1; IsProtected(candidate) || destinationsUsed_.count(candidate) > 0; ++n) {
-        std::string suffix = n == 1 ? "_repaired" : "_repaired" + std::to_string(n);
-        Poco::Path renamed(directory, name.getBaseName() + suffix);
-        if (!name.getExtension().empty()) renamed.setExtension(name.getExtension());
-        candidate = renamed.toString();
-    }
-    destinationsUsed_.insert(candidate);
-    return candidate;
-}
-
-void HostApp::Classify(const RepairOutcome& outcome, FileResult& file) const {
-    std::string extension = Poco::Path(file.input).getExtension();
-    if (!outcome.started) {
-        file.status = "unsupported";
-        file.exitCode = exit_codes::kUnsupported;
-        file.error = IsRefused(file.input)
-                         ? "refused: MP4-family files (mp4 mov 3gp 3g2 m4v insv 360 m4a) are repaired by the "
-                           "thorough repair only (videorepair repair, without --compatible)"
-                         : "no repair engine for " +
-                               (extension.empty() ? std::string("files without an extension")
-                                                  : "'." + extension + "' files") +
-                               " in this library";
-        return;
-    }
-    bool ffmpegMissing = outcome.error.find("ffmpeg missing") != std::string::npos ||
-                         outcome.error.find("cmd is not exists") != std::string::npos;
-    if (outcome.result == 0 && !outcome.repairedPath.empty()) {
-        file.status = outcome.cancelled ? "cancelled" : "repaired";
-        file.exitCode = outcome.cancelled ? exit_codes::kCancelled : exit_codes::kOk;
-        // The library names it relative to the damaged path as given; ours is the same folder.
-        file.repairedPath = Poco::Path(outcome.repairedPath).absolute().toString();
-        if (outcome.cancelled) file.error = "cancelled: the repaired file holds what was found until then";
-        return;
-    }
-    if (ffmpegMissing) {
-        file.status = "ffmpeg-missing";
-        file.exitCode = exit_codes::kFfmpegMissing;
-        file.error = "ffmpeg not found beside the videorepair program (" + outcome.error + ")";
-        return;
-    }
-    file.status = outcome.cancelled ? "cancelled" : "failed";
-    file.exitCode = outcome.cancelled ? exit_codes::kCancelled : exit_codes::kRepairFailed;
-    std::string reason = outcome.error.empty() ? "the library returned " + std::to_string(outcome.result)
-                                               : outcome.error;
-    if (!outcome.ffmpegLine.empty()) reason += " (ffmpeg: " + outcome.ffmpegLine + ")";
-    if (outcome.judged && outcome.judge.reason[0] != '\0') reason += " (" + std::string(outcome.judge.reason) + ")";
-    file.error = outcome.cancelled ? "cancelled before anything was repaired: " + reason : reason;
-}
-
-// A device that would not give every byte, or a destination that would not take
-// the result, gets its own exit code.
-void HostApp::NoteFaults(const RepairOutcome& outcome, FileResult& file) const {
-    file.unreadable = outcome.unreadable;
-    if (file.exitCode == exit_codes::kOk && !file.unreadable.empty()) {
-        int64_t lost = 0;
-        for (const ByteRange& range : file.unreadable) lost += range.length;
-        file.exitCode = exit_codes::kPartlyRecovered;
-        file.error = "partly recovered: " + std::to_string(lost) + " bytes of the damaged file could not be read";
-    }
-    if (file.status == "failed" && file.error.find("writing the repaired file failed") != std::string::npos) {
-        file.status = "save-failed";
-        file.exitCode = exit_codes::kSaveFailed;
-        file.error = outcome.judge.reason;  // names the cause and the folder
-    }
-}
-
-FileResult HostApp::Process(RepairSession& session, const std::string& input, size_t position) {
-    FileResult file;
-    file.input = input;
-    file.method = run_.command;
-    file.road = run_.road;
-    if (session.CancelRequested()) {
-        file.status = "skipped";
-        file.exitCode = exit_codes::kCancelled;
-        file.error = "skipped after Ctrl-C";
-        return file;
-    }
-    std::string reason = UnreadableReason(input);
-    if (!reason.empty()) {
-        file.status = "missing";
-        file.exitCode = exit_codes::kMissingFile;
-        file.error = "damaged file " + reason;
-        return file;
-    }
-    std::string label = Poco::Path(input).getFileName();
-    if (options_.inputs.size() > 1) {
-        label = "[" + std::to_string(position + 1) + "/" + std::to_string(options_.inputs.size()) + "] " + label;
-    }
-    RepairRequest request;
-    request.road = options_.command == CliCommand::kRemux ? RepairRoad::kRemux
-                   : Thorough()                           ? RepairRoad::kThorough
-                                                          : RepairRoad::kCompatible;
-    request.sample = options_.sample;
-    request.fullCheck = options_.fullCheck;
-    if (Thorough() && !options_.output.empty()) {
-        // The library writes straight there, so nothing is left beside the damaged file.
-        request.outputPath = DestinationFor(input);
-        std::filesystem::path folder = std::filesystem::u8path(request.outputPath).parent_path();
-        std::error_code ec;
-        if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-        if (ec) {
-            file.status = "save-failed";
-            file.exitCode = exit_codes::kSaveFailed;
-            file.error = "cannot create the folder of " + request.outputPath + ": " + ec.message();
-            return file;
+int HostApp::RunWorkers() {
+    WorkerPool pool(size_t(options_.jobs));
+    size_t next = 0;
+    int interruptsSeen = 0, togglesSeen = 0, continuesSeen = 0;
+    bool cancelled = false;
+    while (next < pending_.size() || !pool.Idle()) {
+        int interrupts = console::InterruptCount();
+        if (interrupts >= 2) {
+            std::fprintf(stderr, "\nvideorepair: interrupted again, quitting at once\n");
+            pool.KillAll();
+            workDirectory_.Remove();
+            return exit_codes::kInterrupted;
         }
-    }
-    RepairOutcome outcome = session.Run(input, request, label);
-    file.libraryCalled = true;
-    file.libraryResult = outcome.result;
-    file.seconds = outcome.seconds;
-    Classify(outcome, file);
-    NoteFaults(outcome, file);
-    if (outcome.judged && outcome.started) {
-        file.judged = true;
-        file.judge.verdict = outcome.judge.verdict;
-        file.judge.reason = outcome.judge.reason;
-        file.judge.damaged = outcome.judge.damaged;
-        file.judge.repaired = outcome.judge.repaired;
-        file.judge.seconds = outcome.judge.judgeSeconds;
-    }
-    if (!request.outputPath.empty()) {
-        if (!file.repairedPath.empty()) file.savedPath = file.repairedPath;
-    } else if (!file.repairedPath.empty() && !options_.output.empty()) {
-        std::string destination = DestinationFor(input);
-        std::string error;
-        if (session.Save(input, destination, error)) {
-            file.savedPath = Poco::Path(destination).absolute().toString();
-        } else {
-            file.status = "save-failed";
-            file.exitCode = exit_codes::kSaveFailed;
-            file.error = "could not save to " + destination + ": " + error;
+        if (interrupts > interruptsSeen) {
+            interruptsSeen = interrupts;
+            cancelled = true;
+            pool.Forward(console::Request::kInterrupt);
         }
+        if (console::PauseToggleCount() > togglesSeen) {
+            togglesSeen = console::PauseToggleCount();
+            pool.Forward(console::Request::kPauseToggle);
+        }
+        if (console::ContinueCount() > continuesSeen) {
+            continuesSeen = console::ContinueCount();
+            pool.Forward(console::Request::kContinue);
+        }
+        while (!cancelled && next < pending_.size() && pool.HasRoom()) {
+            if (!StartNext(pool, next)) cancelled = true;
+        }
+        if (cancelled) {
+            for (; next < pending_.size(); ++next) {
+                Skip(pending_[next].plan, "skipped", exit_codes::kCancelled, "skipped after Ctrl-C");
+            }
+        }
+        for (const WorkerPool::Finished& done : pool.Collect()) Collect(pending_[done.tag], done.exitCode);
     }
-    if (outcome.started) {
-        file.damaged = ProbeMedia(input);
-        if (!file.repairedPath.empty()) file.repaired = ProbeMedia(file.repairedPath);
-        file.probed = true;
-    }
-    return file;
+    return exit_codes::kOk;
 }
 
 int HostApp::Run() {
-    console::DetachStandardInput();
-    console::InstallInterruptHandlers();
-    if (!PrepareOutput() || !CheckSample() || !PrepareDirectories()) return Finish();
-
-    RepairSession session(display_);
-    std::string error;
-    if (!session.Open(options_.logDirectory, options_.workDirectory, error)) {
-        Fail(error, exit_codes::kLibraryError);
-        return Finish();
-    }
-    if (!options_.sample.empty()) {
-        run_.sampleFacts = ProbeMedia(options_.sample);
-        run_.sampleProbed = true;
-    }
-    for (size_t i = 0; i < options_.inputs.size(); ++i) {
-        FileResult file = Process(session, options_.inputs[i], i);
-        if (IsFailure(file) && file.status != "skipped") {
-            std::fprintf(stderr, "videorepair: %s: %s\n", file.input.c_str(), file.error.c_str());
+    if (!CheckFfmpeg() || !CheckSample() || !PlanFiles()) return Finish();
+    if (!pending_.empty()) {
+        // Until now Ctrl-C simply ends the program (as at ffmpeg's question):
+        // nothing was made yet.
+        console::InstallInterruptHandlers(false);
+        std::string error;
+        if (!workDirectory_.Create(options_.workDirectory, error)) {
+            Fail(error, exit_codes::kLibraryError);
+            return Finish();
         }
-        if (!options_.json) PrintFileReport(stdout, file, run_);
-        run_.files.push_back(file);
+        // Questions are over; workers and ffmpeg must not read the terminal.
+        console::DetachStandardInput();
+        if (RunWorkers() == exit_codes::kInterrupted) return exit_codes::kInterrupted;
     }
-    // A Ctrl-C that lands after the last repair ended cancelled nothing.
-    run_.cancelled = std::any_of(run_.files.begin(), run_.files.end(), [](const FileResult& f) {
-        return f.status == "cancelled" || f.status == "skipped";
-    });
+    run_.cancelled = console::InterruptCount() > 0 &&
+                     std::any_of(run_.files.begin(), run_.files.end(), [](const FileResult& f) {
+                         return f.status == "cancelled" || f.status == "skipped";
+                     });
     return Finish();
 }
 
 int HostApp::Finish() {
+    workDirectory_.Remove();
     if (run_.exitCode == exit_codes::kOk) {
         for (const FileResult& file : run_.files) {
-            if (IsFailure(file)) {
+            if (file.exitCode != exit_codes::kOk) {
                 run_.exitCode = file.exitCode;
                 break;
             }
         }
         if (run_.cancelled) run_.exitCode = exit_codes::kCancelled;
     }
-    if (options_.json) {
-        PrintJson(stdout, run_);
-    } else if (run_.files.size() > 1) {
+    // Each file's page came from its worker; several files also get an index.
+    ReportRun(options_.report, std::string(), pending_.size()).Finish(run_);
+    if (options_.json && !run_.error.empty() && run_.files.empty()) {
+        // A run that failed before any file still answers with one line.
+        FileResult failure;
+        failure.method = run_.command;
+        failure.road = run_.road;
+        failure.status = "failed";
+        failure.exitCode = run_.exitCode;
+        failure.error = run_.error;
+        std::printf("%s\n", FileJsonLine(failure, run_).c_str());
+    } else if (!options_.json && run_.files.size() > 1) {
         PrintSummaryTable(stdout, run_);
     }
     std::fflush(stdout);

@@ -1,6 +1,7 @@
 #include "LogTail.h"
 
 #include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -86,4 +87,19 @@ std::string LogTail::LastFfmpegLine() const {
         if (inside && !text.empty()) found = text;
     }
     return found;
+}
+
+std::string LogTail::TakeNewLines() {
+    std::ifstream in(std::filesystem::u8path(path_), std::ios::binary | std::ios::ate);
+    if (!in) return std::string();
+    int64_t end = int64_t(in.tellg());
+    if (end <= shown_) return std::string();
+    std::string text(size_t(std::min<int64_t>(end - shown_, int64_t(kMaxRead))), '\0');
+    in.seekg(shown_);
+    in.read(&text[0], std::streamsize(text.size()));
+    size_t complete = text.rfind('\n');
+    if (complete == std::string::npos) return std::string();
+    text.resize(complete);
+    shown_ += int64_t(complete) + 1;
+    return text;
 }

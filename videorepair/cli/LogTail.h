@@ -1,5 +1,6 @@
 // Reads what the library wrote to KzVideoRepair.log during one call, to give the
-// user the library's own reason for a failure.
+// user the library's own reason for a failure. Each run has a log of its own,
+// so no other process's lines are ever read.
 #pragma once
 
 #include <cstdint>
@@ -17,10 +18,13 @@ public:
     std::string LastError() const;
     // The last non-empty line of ffmpeg's output the library logged since Mark.
     std::string LastFfmpegLine() const;
+    // Complete lines written since the previous call (for -v).
+    std::string TakeNewLines();
 
 private:
     std::string ReadSinceMark() const;
 
     std::string path_;
     int64_t mark_ = 0;
+    int64_t shown_ = 0;
 };

@@ -5,6 +5,7 @@
 #include <memory>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/avutil.h>
 }
@@ -18,6 +19,45 @@ using InputPointer = std::unique_ptr<AVFormatContext, InputCloser>;
 
 struct PacketFreer {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+
+struct CodecFreer {
+    void operator()(AVCodecContext* codec) const { avcodec_free_context(&codec); }
+};
+
+struct FrameFreer {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+
+// Counts the frames one stream's packets decode to. A player shows these, not
+// packets: a damaged file may hold many packets that decode to nothing.
+class FrameCounter {
+public:
+    bool Open(const AVCodecParameters& parameters) {
+        const AVCodec* decoder = avcodec_find_decoder(parameters.codec_id);
+        if (decoder == nullptr) return false;
+        codec_.reset(avcodec_alloc_context3(decoder));
+        frame_.reset(av_frame_alloc());
+        if (!codec_ || !frame_ || avcodec_parameters_to_context(codec_.get(), &parameters) < 0) return false;
+        codec_->thread_count = 0;  // as many threads as the machine has
+        return avcodec_open2(codec_.get(), decoder, nullptr) >= 0;
+    }
+
+    void Add(const AVPacket* packet) {  // null flushes
+        if (!codec_) return;
+        if (avcodec_send_packet(codec_.get(), packet) < 0 && packet != nullptr) return;
+        while (avcodec_receive_frame(codec_.get(), frame_.get()) >= 0) {
+            ++frames_;
+            av_frame_unref(frame_.get());
+        }
+    }
+
+    int64_t Frames() const { return frames_; }
+
+private:
+    std::unique_ptr<AVCodecContext, CodecFreer> codec_;
+    std::unique_ptr<AVFrame, FrameFreer> frame_;
+    int64_t frames_ = 0;
 };
 
 std::string ErrorText(int code) {
@@ -67,8 +107,10 @@ void DescribeStreams(const AVFormatContext& context, MediaFacts& facts) {
     }
 }
 
-void CountPackets(AVFormatContext& context, MediaFacts& facts) {
+void CountPackets(AVFormatContext& context, MediaFacts& facts, bool decodeVideo) {
     int video = av_find_best_stream(&context, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    FrameCounter decoded;
+    bool decoding = decodeVideo && video >= 0 && decoded.Open(*context.streams[video]->codecpar);
     std::unique_ptr<AVPacket, PacketFreer> packet(av_packet_alloc());
     if (!packet) return;
     TimeSpan span(context.nb_streams);
@@ -79,9 +121,14 @@ void CountPackets(AVFormatContext& context, MediaFacts& facts) {
             ++facts.packets;
             ++facts.streams[size_t(index)].packets;
             if (index == video) ++facts.videoPackets;
+            if (index == video && decoding) decoded.Add(packet.get());
             span.Add(*packet, context.streams[index]->time_base);
         }
         av_packet_unref(packet.get());
+    }
+    if (decodeVideo) {
+        decoded.Add(nullptr);
+        facts.decodedFrames = decoded.Frames();
     }
     facts.durationSeconds = span.Longest();
     if (facts.durationSeconds <= 0.0 && context.duration > 0) {
@@ -100,7 +147,22 @@ std::string MediaFacts::StreamSummary() const {
     return text.empty() ? "no streams" : text;
 }
 
-MediaFacts ProbeMedia(const std::string& path) {
+std::vector<std::string> LostStreams(const MediaFacts& reference, const MediaFacts& result) {
+    std::vector<std::string> lost;
+    std::vector<bool> matched(result.streams.size(), false);
+    for (const StreamFacts& wanted : reference.streams) {
+        if (wanted.type != "video" && wanted.type != "audio" && wanted.type != "subtitle") continue;
+        bool found = false;
+        for (size_t i = 0; i < result.streams.size() && !found; ++i) {
+            if (matched[i] || result.streams[i].type != wanted.type) continue;
+            matched[i] = found = true;  // a stream of the same kind, even if re-encoded
+        }
+        if (!found) lost.push_back(wanted.codec + " " + wanted.type);
+    }
+    return lost;
+}
+
+MediaFacts ProbeMedia(const std::string& path, bool decodeVideo) {
     av_log_set_level(AV_LOG_QUIET);  // damaged files make the demuxers chatty
     MediaFacts facts;
     facts.path = path;
@@ -120,6 +182,6 @@ MediaFacts ProbeMedia(const std::string& path) {
     facts.opens = true;
     facts.format = context->iformat != nullptr ? context->iformat->name : "";
     DescribeStreams(*context, facts);
-    CountPackets(*context, facts);
+    CountPackets(*context, facts, decodeVideo);
     return facts;
 }

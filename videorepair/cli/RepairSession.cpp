@@ -43,16 +43,18 @@ RepairSession::~RepairSession() {
     }
     watchWake_.notify_all();
     if (watcher_.joinable()) watcher_.join();
+    if (verbose_) ShowNewLogLines();
     if (manager_ != nullptr) manager_->Release();  // hosts release, never delete, the manager
 }
 
-bool RepairSession::Open(const std::string& logDirectory, const std::string& workDirectory, std::string& error) {
+bool RepairSession::Open(const std::string& logDirectory, const std::string& workDirectory, bool verbose,
+                         std::string& error) {
+    verbose_ = verbose;
     if (InitKzVideoRepairLib(&manager_) != 0 || manager_ == nullptr) {
         error = "the repair library could not make its manager";
         return false;
     }
     std::wstring logs = wide_text::ToWide(logDirectory);
-    workDirectory_ = workDirectory;
     std::wstring work = wide_text::ToWide(workDirectory);
     if (manager_->Initialize(&observer_, logs.c_str(), work.c_str()) != 0) {
         error = "the repair library could not be initialised (log " + logDirectory + ")";
@@ -83,18 +85,15 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const RepairRequest
         outcome.judge.size = sizeof outcome.judge;
         outcome.judge.flags = request.fullCheck ? kThoroughFullDecodeCheck : 0;
         outcome.judge.outputPath = outputWide.empty() ? nullptr : outputWide.c_str();
-        const std::string record = RecordPathIn(workDirectory_);
-        const std::wstring recordWide = wide_text::ToWide(record);
-        outcome.judge.recordPath = recordWide.c_str();
+        std::wstring recordWide = wide_text::ToWide(request.recordPath);
+        outcome.judge.recordPath = recordWide.empty() ? nullptr : recordWide.c_str();
         outcome.result =
             manager_->RepairWithOptions(damagedWide.c_str(), sampleWide.c_str(), kRepairOptionThorough, &outcome.judge);
         outcome.judge.outputPath = nullptr;
         outcome.judge.recordPath = nullptr;
         outcome.judged = true;
-        outcome.unreadable = TakeUnreadableRanges(record);
     }
     outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    display_.End();
     outcome.started = observer_.started.load();
     outcome.cancelled = CancelRequested();
     if (outcome.result == 0) {
@@ -125,9 +124,15 @@ void RepairSession::Watch() {
     std::unique_lock<std::mutex> guard(watchLock_);
     while (!stopWatching_) {
         HandleRequests();
+        if (verbose_) ShowNewLogLines();
         display_.Tick();
         watchWake_.wait_for(guard, kWatchInterval);
     }
+}
+
+void RepairSession::ShowNewLogLines() {
+    std::string lines = log_.TakeNewLines();
+    if (!lines.empty()) display_.Note(lines);
 }
 
 void RepairSession::HandleRequests() {

@@ -15,7 +15,6 @@
 #include "LogTail.h"
 #include "VideoRepairOptions.h"
 #include "ProgressDisplay.h"
-#include "Unreadable.h"
 
 enum class RepairRoad { kThorough, kCompatible, kRemux };
 
@@ -25,6 +24,7 @@ struct RepairRequest {
     std::string sample;      // may be empty for the thorough repair; unused by a remux
     std::string outputPath;  // thorough repair: where the library writes the result; empty: beside the input
     bool fullCheck = false;  // thorough repair: decode every video frame when judging
+    std::string recordPath;  // thorough repair: where the library writes its record; empty: nowhere
 };
 
 // What the library did with one damaged file.
@@ -37,7 +37,6 @@ struct RepairOutcome {
     std::string repairedPath;
     std::string error;       // the library's last ERROR line of this call
     std::string ffmpegLine;  // ffmpeg's last line of output, when it ran
-    std::vector<ByteRange> unreadable;  // thorough repair: bytes the device would not give
     double seconds = 0.0;
 };
 
@@ -49,7 +48,8 @@ public:
     RepairSession& operator=(const RepairSession&) = delete;
 
     // Loads the manager and initialises it; false with the reason in error.
-    bool Open(const std::string& logDirectory, const std::string& workDirectory, std::string& error);
+    // verbose: the library's log lines are shown as they are written.
+    bool Open(const std::string& logDirectory, const std::string& workDirectory, bool verbose, std::string& error);
 
     RepairOutcome Run(const std::string& damaged, const RepairRequest& request, const std::string& label);
 
@@ -79,16 +79,17 @@ private:
 
     void Watch();
     void HandleRequests();
+    void ShowNewLogLines();
 
     ProgressDisplay& display_;
     Observer observer_;
     IVideoRepairManager* manager_ = nullptr;
     LogTail log_{std::string()};
-    std::string workDirectory_;
     std::thread watcher_;
     std::mutex watchLock_;
     std::condition_variable watchWake_;
     bool stopWatching_ = false;
+    bool verbose_ = false;
     std::atomic<bool> cancelRequested_{false};
     int interruptsSeen_ = 0;
     int pauseTogglesSeen_ = 0;

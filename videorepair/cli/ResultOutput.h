@@ -1,5 +1,5 @@
 // How results reach the user: a short report per file and a summary table for
-// people, one JSON object for programs.
+// people, one JSON line per file for programs.
 #pragma once
 
 #include <cstdio>
@@ -15,14 +15,17 @@ struct RunSummary {
     bool sampleProbed = false;
     MediaFacts sampleFacts;
     std::string output;
-    std::string logFile;
-    std::string workDirectory;
     bool cancelled = false;
     int exitCode = 0;
     std::string error;  // a failure before any file was tried
     std::vector<FileResult> files;
 };
 
-void PrintFileReport(std::FILE* out, const FileResult& file, const RunSummary& run);
+std::string FileReport(const FileResult& file, const RunSummary& run);
 void PrintSummaryTable(std::FILE* out, const RunSummary& run);
-void PrintJson(std::FILE* out, const RunSummary& run);
+
+// One line, without its line break: the file's result with the run's context.
+std::string FileJsonLine(const FileResult& file, const RunSummary& run);
+// The fields the summary table and the exit code need, back from a JSON line;
+// false when text is not one.
+bool ReadFileJsonLine(const std::string& text, FileResult& file);

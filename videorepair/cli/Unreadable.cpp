@@ -1,49 +1,24 @@
 #include "Unreadable.h"
 
-#include <Poco/File.h>
 #include <Poco/JSON/Array.h>
-#include <Poco/JSON/Parser.h>
-#include <Poco/Process.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
-std::string RecordPathIn(const std::string& workDirectory) {
-    std::string folder = workDirectory;
-    if (!folder.empty() && folder.back() != '/' && folder.back() != '\\') folder += '/';
-    return folder + "repair-record-" + std::to_string(Poco::Process::id()) + ".json";
-}
-
-std::vector<ByteRange> TakeUnreadableRanges(const std::string& recordPath) {
-    std::vector<ByteRange> ranges;
-    try {
-        std::ifstream in(recordPath, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!in || text.str().empty()) return ranges;
-        Poco::JSON::Object::Ptr record = Poco::JSON::Parser().parse(text.str()).extract<Poco::JSON::Object::Ptr>();
-        Poco::JSON::Array::Ptr all = record->getArray("ranges");
-        for (size_t i = 0; all && i < all->size(); ++i) {
-            Poco::JSON::Object::Ptr range = all->getObject(unsigned(i));
-            if (range && range->getValue<std::string>("kind") == "unreadable")
-                ranges.push_back({range->getValue<int64_t>("offset"), range->getValue<int64_t>("length")});
-        }
-    } catch (...) {
-    }
-    try {
-        Poco::File(recordPath).remove();
-    } catch (...) {
-    }
+std::vector<MapRange> UnreadableRanges(const std::string& recordPath) {
+    std::vector<MapRange> ranges;
+    for (const MapRange& range : ReadRepairMap(recordPath).ranges)
+        if (range.kind == "unreadable") ranges.push_back(range);
     return ranges;
 }
 
-void AddUnreadableJson(Poco::JSON::Object& object, const std::vector<ByteRange>& ranges) {
+void AddUnreadableJson(Poco::JSON::Object& object, const std::vector<MapRange>& ranges) {
     Poco::JSON::Array::Ptr list = new Poco::JSON::Array;
-    for (const ByteRange& range : ranges) {
-        Poco::JSON::Object::Ptr item = new Poco::JSON::Object;
+    for (const MapRange& range : ranges) {
+        Poco::JSON::Object::Ptr item = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
         item->set("offset", range.offset);
         item->set("length", range.length);
         list->add(item);
@@ -51,20 +26,21 @@ void AddUnreadableJson(Poco::JSON::Object& object, const std::vector<ByteRange>&
     object.set("unreadable", list);
 }
 
-void PrintUnreadable(std::FILE* out, const std::vector<ByteRange>& ranges) {
-    if (ranges.empty()) return;
+std::string UnreadableText(const std::vector<MapRange>& ranges) {
+    if (ranges.empty()) return std::string();
     int64_t total = 0;
-    for (const ByteRange& range : ranges) total += range.length;
-    std::fprintf(out, "  unreadable %lld bytes in %zu range%s (read as zeros; partly recovered)\n", (long long)total,
-                 ranges.size(), ranges.size() == 1 ? "" : "s");
+    for (const MapRange& range : ranges) total += range.length;
+    std::string text = "  unreadable " + std::to_string(total) + " bytes in " + std::to_string(ranges.size()) +
+                       (ranges.size() == 1 ? " range" : " ranges") + " (read as zeros; partly recovered)\n";
     size_t shown = 0;
-    for (const ByteRange& range : ranges) {
+    for (const MapRange& range : ranges) {
         if (++shown > 8) {
-            std::fprintf(out, "             ... and %zu more\n", ranges.size() - 8);
+            text += "            ... and " + std::to_string(ranges.size() - 8) + " more\n";
             break;
         }
-        std::fprintf(out, "             at %lld, %lld bytes\n", (long long)range.offset, (long long)range.length);
+        text += "            at " + std::to_string(range.offset) + ", " + std::to_string(range.length) + " bytes\n";
     }
+    return text;
 }
 
 std::string ReadThroughFailure(const std::string& path) {

@@ -4,10 +4,26 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+}
+
 #include "CliOptions.h"
 #include "Console.h"
 #include "ExitCodes.h"
 #include "HostApp.h"
+
+namespace {
+
+void PrintVersions() {
+    std::printf("videorepair %s\n", VIDEOREPAIR_VERSION);
+    // The tool is built with the library of the same source tree.
+    std::printf("lib_videorepair %s\n", VIDEOREPAIR_VERSION);
+    std::printf("FFmpeg %s (%s)\n", av_version_info(), LIBAVFORMAT_IDENT);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     try {
@@ -23,9 +39,10 @@ int main(int argc, char** argv) {
             return exit_codes::kOk;
         }
         if (parsed.options.command == CliCommand::kVersion) {
-            std::printf("videorepair %s\n", VIDEOREPAIR_VERSION);
+            PrintVersions();
             return exit_codes::kOk;
         }
+        if (!parsed.options.workerDirectory.empty()) return RunWorker(parsed.options);
         return HostApp(parsed.options).Run();
     } catch (const std::exception& e) {
         std::fprintf(stderr, "videorepair: unexpected error: %s\n", e.what());

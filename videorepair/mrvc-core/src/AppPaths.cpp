@@ -28,7 +28,16 @@ std::wstring ApplicationDirectory() {
     return text::ReplaceAll(directory, L'\\', L'/');
 }
 
-std::wstring FfmpegPath() { return ApplicationDirectory() + L"/" + platform::FfmpegProgramName(); }
+std::wstring FfmpegPath() {
+    const std::wstring beside = ApplicationDirectory() + L"/" + platform::FfmpegProgramName();
+    if (RegularFileExists(beside)) return beside;
+    // A path the user named is kept even when it is wrong, so the error names it
+    // instead of quietly running another ffmpeg.
+    std::wstring named;
+    if (platform::GetEnvironment(kFfmpegVariable, named) && !named.empty()) return named;
+    const std::wstring onSearchPath = platform::FindProgramOnPath(platform::FfmpegProgramName());
+    return onSearchPath.empty() ? beside : onSearchPath;
+}
 
 std::wstring DefaultWorkDirectory() { return platform::UserTemporaryDirectory() + L"/VR"; }
 

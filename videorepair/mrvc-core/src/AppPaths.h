@@ -1,5 +1,5 @@
 // Where the library finds ffmpeg and where it puts its work: the host program's
-// directory and the process-wide work directory.
+// directory (or the system's ffmpeg) and the process-wide work directory.
 #pragma once
 
 #include <string>
@@ -9,7 +9,12 @@ namespace app_paths {
 // Directory of the host program, with "/" as separator.
 std::wstring ApplicationDirectory();
 
-// ffmpeg beside the host program.
+// The environment variable that names an ffmpeg program.
+constexpr const wchar_t kFfmpegVariable[] = L"VIDEOREPAIR_FFMPEG";
+
+// The ffmpeg to run: beside the host program when it is there; else the path in
+// VIDEOREPAIR_FFMPEG when that is set; else the first ffmpeg on PATH; else the
+// path beside the host program, which does not exist and says where it was sought.
 std::wstring FfmpegPath();
 
 // The user's temporary directory + "/VR", used when the host names no work directory.

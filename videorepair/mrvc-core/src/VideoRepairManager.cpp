@@ -4,6 +4,7 @@
 #include <Poco/Path.h>
 
 #include <cstring>
+#include <cwctype>
 #include <exception>
 
 #include "AppPaths.h"
@@ -99,6 +100,11 @@ int32_t VideoRepairManager::SetEngineStrings(const wchar_t* s1, const wchar_t* s
 
 IAdvanceVideoRepair* VideoRepairManager::EngineFor(const std::wstring& videoPath, bool thorough) {
     std::wstring extension = text::ExtensionOf(videoPath);
+    // Cameras name files 00000.MTS or MVI_0001.AVI; the thorough road takes any
+    // letter case, the others keep the exact-case table.
+    if (thorough) {
+        for (wchar_t& c : extension) c = wchar_t(std::towlower(wint_t(c)));
+    }
     if (IsRefusedExtension(extension))
         return thorough ? engineRegistry_->SelectThoroughOnly(extension, log_.get()) : nullptr;
     return engineRegistry_->Select(extension, log_.get());

@@ -1,7 +1,6 @@
 #include "WmvAdvanceRepair.h"
 
 #include <Poco/File.h>
-#include <Poco/FileStream.h>
 #include <Poco/Path.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include "AppPaths.h"
 #include "EngineProcess.h"
 #include "OutputNaming.h"
+#include "io/FileWriter.h"
 #include "platform/Platform.h"
 #include "wmv/AsfPacketCarver.h"
 #include "wmv/AviGenerator.h"
@@ -390,10 +390,8 @@ int WmvAdvanceRepair::ExtractSamples(const wmv::PayloadList& list, const std::ws
         ENGINE_LOG(kLogInfo, "[Wmv] dataList is empty:.", "");
         return -1;
     }
-    std::unique_ptr<Poco::FileOutputStream> out;
-    try {
-        out = std::make_unique<Poco::FileOutputStream>(Narrow(path), std::ios::out | std::ios::binary | std::ios::trunc);
-    } catch (...) {
+    FileWriter out;
+    if (!out.Create(path)) {
         ENGINE_LOG(kLogInfo, "[Wmv] Open output stream failed ,out path is:.", Narrow(path));
         return -2;
     }
@@ -407,18 +405,24 @@ int WmvAdvanceRepair::ExtractSamples(const wmv::PayloadList& list, const std::ws
         if (PauseThenShouldStop()) return -3;
         buffer.resize(size_t(list[i].size));
         int64_t got = damaged_.File().ReadAt(list[i].offset, buffer.data(), buffer.size());
-        if (got > 0) out->write(buffer.data(), std::streamsize(got));
+        if (got > 0) out.Write(buffer.data(), size_t(got));
     }
-    out->close();
-    return 0;
+    // A dump the disk did not take whole (full, or over a size limit) is no dump.
+    return out.Close() ? 0 : -2;
 }
 
 // ---- ffmpeg ----
 
-// The carved frames at the frame rate the AVI announces.
+// All that the AVI holds, at the rate its header announces (doubled for some
+// codecs, not for others such as VC-1), and a quarter of a frame more so that
+// rounding never cuts the last one.
 double WmvAdvanceRepair::MergeDuration() const {
-    return double(CountFrames(videoSamples_)) / chosenVideo_.frameRate;
+    const uint32_t frames = uint32_t(CountFrames(videoSamples_));
+    const double seconds = wmv::AviGenerator::Seconds(frames, chosenVideo_.frameRate, chosenVideo_.codec);
+    if (seconds <= 0) return double(frames) / chosenVideo_.frameRate;
+    return seconds * (frames + 0.25) / std::max<uint32_t>(frames, 1);
 }
+
 
 int WmvAdvanceRepair::RunFfmpeg(const char* what, const std::vector<std::string>& args, int limitSeconds) {
     const std::wstring ffmpeg = app_paths::FfmpegPath();

@@ -25,12 +25,12 @@ public:
     bool PatchAt(int64_t offset, const void* data, size_t n);
     int64_t Written() const { return written_; }
     bool Ok() const { return ok_; }
+    bool Flush();  // hands what is buffered to the file
     // Why the first failed open or write failed (kNone while all went well).
     platform::IoFailure Failure() const { return failure_; }
     bool Close();  // flushes; false if any write failed
 
 private:
-    bool Flush();
     bool WriteDirect(const uint8_t* p, size_t n);
     void Fail();
 

@@ -26,6 +26,11 @@ std::wstring UserTemporaryDirectory();
 // File name of the ffmpeg program looked for beside the host ("ffmpeg.exe" or "ffmpeg").
 std::wstring FfmpegProgramName();
 
+// The program called name in the first directory of the PATH environment variable
+// that holds it as a file the user may run; empty when none does. Only absolute
+// directories count, so the result never depends on the current directory.
+std::wstring FindProgramOnPath(const std::wstring& name);
+
 struct Uuid {
     uint32_t data1 = 0;
     uint16_t data2 = 0;

@@ -48,6 +48,27 @@ std::wstring UserTemporaryDirectory() {
 
 std::wstring FfmpegProgramName() { return L"ffmpeg"; }
 
+std::wstring FindProgramOnPath(const std::wstring& name) {
+    const char* list = std::getenv("PATH");
+    if (list == nullptr || name.empty()) return std::wstring();
+    const std::string program = ToNarrow(name);
+    const std::string directories(list);
+    size_t start = 0;
+    while (start <= directories.size()) {
+        size_t end = directories.find(':', start);
+        if (end == std::string::npos) end = directories.size();
+        const std::string directory = directories.substr(start, end - start);
+        start = end + 1;
+        if (directory.empty() || directory.front() != '/') continue;
+        const std::string candidate = directory + (directory.back() == '/' ? "" : "/") + program;
+        struct stat info {};
+        if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::access(candidate.c_str(), X_OK) == 0) {
+            return ToWide(candidate);
+        }
+    }
+    return std::wstring();
+}
+
 bool NewUuid(Uuid& out) {
     try {
         Poco::UUID id = Poco::UUIDGenerator::defaultGenerator().createRandom();

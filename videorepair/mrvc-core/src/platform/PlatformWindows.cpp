@@ -36,6 +36,48 @@ std::wstring UserTemporaryDirectory() {
 
 std::wstring FfmpegProgramName() { return L"ffmpeg.exe"; }
 
+namespace {
+
+// PATH may be far longer than the fixed buffer GetEnvironment uses.
+std::wstring SearchPathVariable() {
+    DWORD size = GetEnvironmentVariableW(L"PATH", nullptr, 0);
+    if (size == 0) return std::wstring();
+    std::wstring value(size, L'\0');
+    DWORD n = GetEnvironmentVariableW(L"PATH", &value[0], size);
+    value.resize(n < size ? n : 0);
+    return value;
+}
+
+bool IsAbsoluteDirectory(const std::wstring& directory) {
+    return (directory.size() >= 3 && directory[1] == L':' && (directory[2] == L'\\' || directory[2] == L'/')) ||
+           (directory.size() >= 2 && (directory[0] == L'\\' || directory[0] == L'/') &&
+            (directory[1] == L'\\' || directory[1] == L'/'));
+}
+
+}  // namespace
+
+std::wstring FindProgramOnPath(const std::wstring& name) {
+    const std::wstring directories = SearchPathVariable();
+    if (directories.empty() || name.empty()) return std::wstring();
+    size_t start = 0;
+    while (start <= directories.size()) {
+        size_t end = directories.find(L';', start);
+        if (end == std::wstring::npos) end = directories.size();
+        std::wstring directory = directories.substr(start, end - start);
+        start = end + 1;
+        // Entries may be quoted when they hold a ';'; the quotes are not part of the name.
+        if (directory.size() >= 2 && directory.front() == L'"' && directory.back() == L'"') {
+            directory = directory.substr(1, directory.size() - 2);
+        }
+        if (!IsAbsoluteDirectory(directory)) continue;
+        const wchar_t last = directory.back();
+        const std::wstring candidate = directory + (last == L'\\' || last == L'/' ? L"" : L"\\") + name;
+        DWORD attributes = GetFileAttributesW(candidate.c_str());
+        if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return candidate;
+    }
+    return std::wstring();
+}
+
 bool NewUuid(Uuid& out) {
     UUID id;
     if (UuidCreate(&id) != RPC_S_OK) return false;

@@ -6,6 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
+
+#include "thorough/RepairRecord.h"
 
 namespace thorough {
 
@@ -21,6 +24,15 @@ public:
     // True once the view differs from the file in what a demuxer would read: bytes
     // skipped or put in. While false, the file as it is reads the same.
     virtual bool ChangedAnything() const { return Skipped() > 0; }
+    // Where in the damaged file the byte at viewOffset of this view came from;
+    // -1 where it came from nowhere in the file or the source does not know.
+    virtual int64_t FileOffset(int64_t viewOffset) const { (void)viewOffset; return -1; }
+    // What the source put in that the file did not have (tables, headers), as
+    // restored ranges for the record of the repair.
+    virtual std::vector<RecordRange> PutIn() const { return {}; }
+    // Where the source stepped over the file's bytes, by file offset; a packet read
+    // across such a stretch never took anything from it.
+    virtual std::vector<RecordRange> SkippedRanges() const { return {}; }
 };
 
 }  // namespace thorough

@@ -156,6 +156,11 @@ bool Demuxer::CutByTheEnd(const AVPacket* packet) const {
     return std::strcmp(input_->iformat->name, "mov,mp4,m4a,3gp,3g2,mj2") == 0;
 }
 
+int64_t Demuxer::FilePosition(const AVPacket* packet) const {
+    if (packet->pos < 0 || !source_) return packet->pos;
+    return source_->FileOffset(packet->pos);
+}
+
 int64_t Demuxer::Consumed() const {
     if (source_) return source_->Consumed();
     return input_ && input_->pb ? avio_tell(input_->pb) : 0;

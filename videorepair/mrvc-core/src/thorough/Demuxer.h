@@ -43,6 +43,11 @@ public:
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override;
     int64_t Skipped() const override { return source_ ? source_->Skipped() : 0; }
+    int64_t FilePosition(const AVPacket* packet) const override;
+    std::vector<RecordRange> PutIn() const override { return source_ ? source_->PutIn() : std::vector<RecordRange>(); }
+    std::vector<RecordRange> SkippedRanges() const override {
+        return source_ ? source_->SkippedRanges() : std::vector<RecordRange>();
+    }
     // Samples left out because the file ends inside them.
     int64_t CutSamples() const { return cutSamples_; }
     // True when what was read differs from the file as it is.

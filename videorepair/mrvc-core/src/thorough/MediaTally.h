@@ -10,6 +10,7 @@
 #include "VideoRepairOptions.h"
 #include "thorough/AvHandles.h"
 #include "thorough/DecodeCheck.h"
+#include "thorough/RepairRecord.h"
 
 namespace thorough {
 
@@ -53,6 +54,8 @@ struct Candidate {
     std::wstring path;  // empty for the damaged file as it is
     ThoroughMediaCount count{};
     bool usable = false;  // written completely (or the damaged file itself)
+    // What the candidate's pass did with the damaged file's bytes; null: not known.
+    std::shared_ptr<RepairRecord> record;
 };
 
 // The better of two candidates: more frames that decode, then more audio; a

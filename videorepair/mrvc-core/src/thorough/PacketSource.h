@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "thorough/AvHandles.h"
+#include "thorough/RepairRecord.h"
 
 namespace thorough {
 
@@ -29,6 +31,12 @@ public:
     virtual int64_t Consumed() const = 0;
     // Bytes of the damaged file left out as unusable.
     virtual int64_t Skipped() const { return 0; }
+    // Where the packet just returned by Next lies in the damaged file; -1: not known.
+    virtual int64_t FilePosition(const AVPacket* packet) const { return packet->pos; }
+    // What the source put in that the file did not have, for the record.
+    virtual std::vector<RecordRange> PutIn() const { return {}; }
+    // Stretches of the damaged file the source stepped over, by file offset.
+    virtual std::vector<RecordRange> SkippedRanges() const { return {}; }
 };
 
 }  // namespace thorough

@@ -4,7 +4,9 @@
 
 #include "thorough/MediaTally.h"
 #include "thorough/MuxWriter.h"
+#include "thorough/PassRecorder.h"
 #include "thorough/StreamRestorer.h"
+#include "thorough/TimelineSurvey.h"
 
 namespace thorough {
 namespace {
@@ -63,6 +65,12 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
     PassStreams streams{StreamRestorer(sample_), {}, {}, {}};
     SetUp(streams, input, out, settings, result.refused);
 
+    PassRecorder recorder;
+    TimelineWalk timeline;  // of what the pass writes: the kept file's, should it win
+    for (unsigned i = 0; i < input.StreamCount(); ++i)
+        timeline.AddStream(out == nullptr || streams.outputIndex[i] >= 0 ? streams.restorer.Parameters(i) : nullptr,
+                           streams.restorer.FrameRate(i));
+    size_t restorationsNoted = 0;
     PacketPtr packet = NewPacket();
     for (int64_t n = 0; input.Next(packet.get()); ++n) {
         unsigned index = unsigned(packet->stream_index);
@@ -73,9 +81,19 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
         AVRational base = input.TimeBase(index);
         auto judging = Clock::now();
         if (settings.countRead) streams.read.Count(packet.get(), index);
+        const int64_t position = input.FilePosition(packet.get()), readSize = packet->size;
         bool keep = index < streams.outputIndex.size() && streams.restorer.Fix(packet.get());
         if (keep && (out == nullptr || streams.outputIndex[index] >= 0)) streams.kept.Count(packet.get(), index);
         result.judgeSeconds += SecondsSince(judging);
+        if (keep && (out == nullptr || streams.outputIndex[index] >= 0)) {
+            recorder.Packet(position, readSize);
+            if (settings.record != nullptr) timeline.Step(index, packet.get(), base);
+            const std::vector<std::string>& restorations = streams.restorer.Restorations();
+            // Only a header put in front of this packet grew it; the rest were stream-wide.
+            for (; restorationsNoted < restorations.size(); ++restorationsNoted)
+                recorder.Restored(position, restorationsNoted + 1 == restorations.size() ? packet->size - readSize : 0,
+                                  restorations[restorationsNoted]);
+        }
         if (keep && out != nullptr && streams.outputIndex[index] >= 0 &&
             !out->Write(packet.get(), streams.outputIndex[index], base)) {
             break;
@@ -99,6 +117,10 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
     streams.read.AssumeShare(streams.restorer.Restorations().empty() ? streams.kept.VideoShare() : 0.0);
     result.read = streams.read.Result();
     result.restorations = streams.restorer.Restorations();
+    if (settings.record != nullptr) {
+        recorder.Finish(input, result.stopped ? input.Consumed() : settings.totalBytes, *settings.record);
+        timeline.Finish(*settings.record);
+    }
     if (out != nullptr) {
         result.written = out->Finish();
         result.error = out->Error();

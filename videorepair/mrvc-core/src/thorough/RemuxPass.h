@@ -10,6 +10,7 @@
 #include "VideoRepairOptions.h"
 #include "thorough/PacketSource.h"
 #include "thorough/RepairControl.h"
+#include "thorough/RepairRecord.h"
 #include "thorough/SampleModel.h"
 #include "thorough/strategies/ContainerStrategy.h"
 
@@ -31,6 +32,9 @@ struct PassSettings {
     bool countRead = false;    // also judge the packets as read, before restoring
     int64_t totalBytes = 0;    // for progress
     ProgressRange progress;
+    // Where the pass notes which bytes of the damaged file it used; null: it reads
+    // another file (the carving repair's), whose places say nothing of the damaged one.
+    RepairRecord* record = nullptr;
 };
 
 class RemuxPass {

@@ -65,6 +65,34 @@ void RepairRecord::AddGap(const std::string& stream, double start, double end) {
     gaps_.push_back({stream, start, end});
 }
 
+void RepairRecord::AddStream(const RecordStream& stream) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    streams_.push_back(stream);
+}
+
+void RepairRecord::AddWarning(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    warnings_.push_back(text);
+}
+
+void RepairRecord::AddFrom(const RepairRecord& other) {
+    if (&other == this) return;
+    for (const RecordRange& range : other.Ranges()) AddRange(range.offset, range.length, range.kind, range.note);
+    for (const RecordGap& gap : other.Gaps()) AddGap(gap.stream, gap.start, gap.end);
+    for (const RecordStream& stream : other.Streams()) AddStream(stream);
+    for (const std::string& warning : other.Warnings()) AddWarning(warning);
+}
+
+std::vector<RecordStream> RepairRecord::Streams() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return streams_;
+}
+
+std::vector<std::string> RepairRecord::Warnings() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return warnings_;
+}
+
 int64_t RepairRecord::FileSize() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return fileSize_;
@@ -108,6 +136,22 @@ std::string RepairRecord::ToJson() const {
         char times[96];
         std::snprintf(times, sizeof times, ",\"start\":%.3f,\"end\":%.3f}", gap.start, gap.end);
         json += (first ? "{\"stream\":" : ",{\"stream\":") + Quoted(gap.stream) + times;
+        first = false;
+    }
+    json += "],\"streams\":[";
+    first = true;
+    for (const RecordStream& stream : Streams()) {
+        char numbers[160];
+        std::snprintf(numbers, sizeof numbers, ",\"first\":%.3f,\"last\":%.3f,\"frames\":%lld}", stream.first,
+                      stream.last, (long long)stream.frames);
+        json += (first ? "{\"index\":" : ",{\"index\":") + std::to_string(stream.index) +
+                ",\"kind\":" + Quoted(stream.kind) + ",\"codec\":" + Quoted(stream.codec) + numbers;
+        first = false;
+    }
+    json += "],\"warnings\":[";
+    first = true;
+    for (const std::string& warning : Warnings()) {
+        json += (first ? "" : ",") + Quoted(warning);
         first = false;
     }
     return json + "]}";

@@ -32,16 +32,33 @@ struct RecordGap {
     double end = 0;
 };
 
+// One stream of the kept file as its packets' times give it.
+struct RecordStream {
+    int index = 0;
+    std::string kind;   // "video", "audio", ...
+    std::string codec;  // "h264", "aac", ...
+    double first = 0;   // seconds
+    double last = 0;    // end of the last packet
+    int64_t frames = 0; // packets
+};
+
 class RepairRecord {
 public:
     void SetFileSize(int64_t size);
     // Adjacent or overlapping ranges of one kind (and note) are merged.
     void AddRange(int64_t offset, int64_t length, RangeKind kind, const std::string& note = std::string());
     void AddGap(const std::string& stream, double start, double end);
+    void AddStream(const RecordStream& stream);
+    // Something a person should know about the record itself, in plain words.
+    void AddWarning(const std::string& text);
+    // Everything other holds but its file size.
+    void AddFrom(const RepairRecord& other);
 
     int64_t FileSize() const;
     std::vector<RecordRange> Ranges() const;  // by offset
     std::vector<RecordGap> Gaps() const;
+    std::vector<RecordStream> Streams() const;
+    std::vector<std::string> Warnings() const;
     int64_t BytesOf(RangeKind kind) const;
 
     std::string ToJson() const;
@@ -51,6 +68,8 @@ private:
     int64_t fileSize_ = 0;
     std::vector<RecordRange> ranges_;
     std::vector<RecordGap> gaps_;
+    std::vector<RecordStream> streams_;
+    std::vector<std::string> warnings_;
 };
 
 }  // namespace thorough

@@ -16,6 +16,7 @@
 #include "platform/Platform.h"
 #include "thorough/Demuxer.h"
 #include "thorough/RemuxPass.h"
+#include "thorough/TimelineSurvey.h"
 
 namespace thorough {
 namespace {
@@ -85,7 +86,8 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     if (sample.Load(job_.samplePath)) Log(kLogInfo, "[Thorough] sample streams:", std::to_string(sample.Streams().size()));
     control_.Progress(plan_.rebuild.from);
 
-    Candidate asIs{kVerdictAsIs, std::wstring(), {}, true};
+    Candidate asIs{kVerdictAsIs, std::wstring(), {}, true, std::make_shared<RepairRecord>()};
+    asIs.record->AddRange(0, size_, RangeKind::kRecovered);
     bool asIsCounted = false;
     AsIsCounter counter(job_.damagedPath, sample, control_, job_.fullDecodeCheck);
     std::vector<Candidate> candidates{Rebuild(sample, counter, asIs, asIsCounted)};
@@ -109,6 +111,7 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
         outcome.reason = "writing the repaired file failed: " + writeFailure_;
         return -1;
     }
+    RecordWhatWasKept(best);
     control_.Progress(100);
     return 0;
 }
@@ -140,7 +143,7 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
     std::unique_ptr<ByteSource> cleaned = strategy->Clean(job_.damagedPath, job_.samplePath, control_.Log());
     bool remux = cleaned == nullptr;
     if (!remux) counter.Start();
-    Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false};
+    Candidate candidate{remux ? kVerdictRemuxed : kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     Demuxer input;
     bool opened = remux ? input.OpenFile(job_.damagedPath) : input.OpenSource(std::move(cleaned), strategy->CleanedFormat());
     if (remux) NoteAsIsFormat(input);
@@ -152,6 +155,8 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
     }
     PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.rebuild};
     candidate.path = TemporaryPath();
+    candidate.record = std::make_shared<RepairRecord>();
+    settings.record = candidate.record.get();
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
@@ -209,8 +214,8 @@ Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate&
     const int middle = (plan_.carver.from + plan_.carver.to) / 2;
     CarveContext context{asIsReadsOwnFormat_, asIs.count, &control_, {plan_.carver.from, middle}};
     std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
-    if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
-    Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to});
+    if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
+    Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to}, true);
     if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
     return candidate;
 }
@@ -218,13 +223,13 @@ Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate&
 Candidate ThoroughRepair::FromCarvingRepair(const SampleModel& sample) {
     std::wstring directory = platform::ToWide(Poco::Path(platform::ToNarrow(job_.outputPath)).parent().toString());
     std::wstring carved = job_.carvingRepair(directory, plan_.carving);
-    if (carved.empty()) return Candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    if (carved.empty()) return Candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     temporaries_.push_back(carved);
     return Remux(sample, carved, plan_.carvingRemux);
 }
 
 Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress) {
-    Candidate candidate{kVerdictRebuilt, std::wstring(), {}, false};
+    Candidate candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     Demuxer input;
     if (!input.OpenFile(source)) return candidate;
     int64_t size = 0;
@@ -232,12 +237,17 @@ Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& s
         size = platform::Seek(fd, 0, SEEK_END);
         platform::Close(fd);
     }
-    return Write(sample, input, size, progress);
+    return Write(sample, input, size, progress, false);
 }
 
-Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress) {
-    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false};
+Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
+                                bool fromDamagedFile) {
+    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false, nullptr};
     PassSettings settings{job_.fullDecodeCheck, false, size, progress};
+    if (fromDamagedFile) {
+        candidate.record = std::make_shared<RepairRecord>();
+        settings.record = candidate.record.get();
+    }
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
@@ -290,6 +300,23 @@ void ThoroughRepair::Explain(const Candidate& best, const Candidate& asIs, Thoro
     if (strategy_ && !strategy_->Remark().empty()) outcome.reason += "; " + strategy_->Remark();
     Log(kLogInfo, "[Thorough] verdict:", outcome.reason);
     Log(kLogInfo, "[Thorough] judge seconds:", std::to_string(judgeSeconds_));
+}
+
+// The kept candidate's own record becomes the repair's (beside what the reading
+// itself noted, such as unreadable ranges), with the kept file's streams and holes.
+void ThoroughRepair::RecordWhatWasKept(const Candidate& best) {
+    if (best.record) {
+        record_.AddFrom(*best.record);
+    } else {
+        record_.AddWarning("the container's carving repair rebuilt the file; which bytes of the damaged file it "
+                           "used is not known");
+    }
+    if (best.kind == kVerdictAsIs) record_.AddWarning("no rebuilt file played better: the damaged file was kept as it is");
+    // The pass that wrote the kept file noted its timeline as it went; a file no
+    // pass wrote is walked, which costs a read of it: only for a caller who asked.
+    bool timed = best.record && !best.record->Streams().empty();
+    if (!timed && !job_.recordPath.empty() && !TimelineSurvey::Survey(job_.outputPath, record_))
+        record_.AddWarning("the repaired file's timeline could not be read");
 }
 
 void ThoroughRepair::WriteRecord(ThoroughOutcome& outcome) const {

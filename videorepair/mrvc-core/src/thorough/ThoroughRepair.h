@@ -67,7 +67,10 @@ private:
     bool CarvingMayHelp(const Candidate& asIs) const;
     void NoteAsIsFormat(const Demuxer& input);
     Candidate Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress);
-    Candidate Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress);
+    // fromDamagedFile: the input's places are in the damaged file, so the pass records them.
+    Candidate Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
+                    bool fromDamagedFile);
+    void RecordWhatWasKept(const Candidate& best);
     bool Keep(const Candidate& best);
     void RemoveTemporaries(const std::wstring& except);
     void Explain(const Candidate& best, const Candidate& asIs, ThoroughOutcome& outcome) const;

@@ -27,14 +27,18 @@ uint32_t AviGenerator::StreamRate(double frameRate, const std::string& codec) {
     return rate;
 }
 
+double AviGenerator::Seconds(uint32_t frames, double frameRate, const std::string& codec) {
+    const uint32_t rate = StreamRate(frameRate, codec);
+    return rate > 0 ? 2.0 * frames * 1000.0 / rate : 0;
+}
+
 int AviGenerator::Generate() {
     if (!io_.Ok()) return -1;
     WriteHeader();
     bool hasMovieList = WritePadding();
     WriteFrames();
     Patch(hasMovieList);
-    io_.Close();
-    return 0;
+    return io_.Close() ? 0 : -1;
 }
 
 void AviGenerator::WriteHeader() {

@@ -17,12 +17,15 @@ public:
     AviGenerator(const std::string& inputPath, const std::string& outputPath, const PayloadList& records,
                  const VideoStreamInfo& info);
 
-    // Writes the whole file: 0, or -1 when a stream could not be opened.
+    // Writes the whole file: 0, or -1 when a file could not be opened or written.
     int Generate();
     uint32_t FrameCount() const { return frames_; }
 
     // The rate of the stream header for a frame rate and codec (scale 1000).
     static uint32_t StreamRate(double frameRate, const std::string& codec);
+    // How long players take the file to last: two chunks per frame (the empty one
+    // first) at that rate; 0 where the rate is 0.
+    static double Seconds(uint32_t frames, double frameRate, const std::string& codec);
 
 private:
     void WriteHeader();

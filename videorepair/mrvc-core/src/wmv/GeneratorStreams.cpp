@@ -1,30 +1,21 @@
 #include "wmv/GeneratorStreams.h"
 
-#include <iostream>
+#include "platform/Platform.h"
 
 namespace wmv {
 
 GeneratorStreams::GeneratorStreams(const std::string& inputPath, const std::string& outputPath,
                                    std::atomic<uint32_t>& flushCounter)
     : flushCounter_(flushCounter) {
-    try {
-        input_ = std::make_shared<Poco::FileInputStream>(inputPath, std::ios::in | std::ios::binary);
-    } catch (...) {
-        input_.reset();
-    }
-    try {
-        output_ = std::make_shared<Poco::FileOutputStream>(outputPath,
-                                                           std::ios::out | std::ios::binary | std::ios::trunc);
-    } catch (...) {
-        output_.reset();
-    }
+    input_.Open(platform::ToWide(inputPath));
+    output_.Create(platform::ToWide(outputPath));
 }
 
 void GeneratorStreams::Write(const void* data, size_t n) {
-    output_->write(static_cast<const char*>(data), std::streamsize(n));
+    output_.Write(data, n);
     uint32_t counted = flushCounter_.fetch_add(uint32_t(n)) + uint32_t(n);
     if (counted >= kFlushBytes) {
-        output_->flush();
+        output_.Flush();
         flushCounter_.store(0);
     }
 }
@@ -48,34 +39,29 @@ void GeneratorStreams::Zeros(size_t n) {
     }
 }
 
+// A record the file cannot give whole is reported on the console, never on
+// standard output (a host may be writing its own results there), and skipped.
 bool GeneratorStreams::ReadRecord(const PayloadRecord& record, std::vector<char>& buffer) {
     buffer.resize(size_t(record.size));
-    input_->clear();
-    input_->seekg(record.offset, std::ios::beg);
-    input_->read(buffer.data(), std::streamsize(buffer.size()));
-    if (input_->fail()) {
-        std::cout << "read buf failed" << std::endl;
-        input_->clear();
-        return false;
-    }
-    return true;
+    if (input_.ReadAt(record.offset, buffer.data(), buffer.size()) == int64_t(buffer.size())) return true;
+    platform::DebugTrace("read buf failed");
+    return false;
 }
 
-int64_t GeneratorStreams::Position() { return int64_t(output_->tellp()); }
-
+// The patched word is counted like any write.
 void GeneratorStreams::PatchU32(int64_t offset, uint32_t value) {
-    auto end = output_->tellp();
-    output_->seekp(offset, std::ios::beg);
-    U32(value);
-    output_->flush();
-    output_->seekp(end);
+    uint8_t b[4] = {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)};
+    output_.PatchAt(offset, b, 4);
+    uint32_t counted = flushCounter_.fetch_add(4) + 4;
+    if (counted >= kFlushBytes) flushCounter_.store(0);
+    output_.Flush();
 }
 
-void GeneratorStreams::Flush() { output_->flush(); }
+void GeneratorStreams::Flush() { output_.Flush(); }
 
-void GeneratorStreams::Close() {
-    if (output_) output_->close();
-    if (input_) input_->close();
+bool GeneratorStreams::Close() {
+    input_.Close();
+    return output_.Close();
 }
 
 }  // namespace wmv

@@ -30,8 +30,7 @@ int WavGenerator::Generate() {
         if (io_.ReadRecord(r, buffer)) io_.Write(buffer.data(), buffer.size());
     }
     io_.Flush();
-    io_.Close();
-    return 0;
+    return io_.Close() ? 0 : -1;
 }
 
 }  // namespace wmv

@@ -15,7 +15,7 @@ public:
     WavGenerator(const std::string& inputPath, const std::string& outputPath, const PayloadList& records,
                  const AudioStreamInfo& info);
 
-    // Writes the whole file: 0, or -1 when a stream could not be opened.
+    // Writes the whole file: 0, or -1 when a file could not be opened or written.
     int Generate();
 
 private:

@@ -19,6 +19,29 @@ size_t LengthAt(const uint8_t* p, int size) {
     return n;
 }
 
+// An SEI value (payload type or size): bytes of 255 add up until the last byte.
+bool SeiValue(const uint8_t* d, size_t size, size_t& at, size_t& value) {
+    value = 0;
+    while (at < size && d[at] == 0xFF) value += d[at++];
+    if (at >= size) return false;
+    value += d[at++];
+    return true;
+}
+
+// Cameras that never write an IDR picture mark where decoding may start with a
+// recovery point SEI (ISO/IEC 14496-10 D.2.8). A count of 0 means this very
+// picture is whole, so its access unit is a key frame, as ffmpeg's parser takes it.
+bool RecoversHere(const uint8_t* d, size_t size) {
+    size_t at = 1;  // past the NAL header
+    while (at + 1 < size && d[at] != 0x80) {  // 0x80: the trailing bits
+        size_t type = 0, length = 0;
+        if (!SeiValue(d, size, at, type) || !SeiValue(d, size, at, length)) return false;
+        if (type == 6) return at < size && (d[at] & 0x80) != 0;  // recovery_frame_cnt, ue(v) == 0
+        at += length;
+    }
+    return false;
+}
+
 nal::Role H264Role(const uint8_t* d, size_t size, bool& key) {
     if (size < 2 || (d[0] & 0x80) != 0) return nal::Role::kInvalid;
     const int type = d[0] & 0x1F, refIdc = d[0] >> 5 & 3;
@@ -33,6 +56,9 @@ nal::Role H264Role(const uint8_t* d, size_t size, bool& key) {
         case 8:
             return refIdc != 0 ? nal::Role::kStartsUnit : nal::Role::kInvalid;
         case 6:
+            if (refIdc != 0) return nal::Role::kInvalid;
+            key = key || RecoversHere(d, size);
+            return nal::Role::kStartsUnit;
         case 9:
             return refIdc == 0 ? nal::Role::kStartsUnit : nal::Role::kInvalid;
         case 12:
@@ -67,13 +93,20 @@ Role RoleOf(AVCodecID codec, const uint8_t* data, size_t size, bool& key) {
 }
 
 bool HasForbiddenSequence(const uint8_t* data, size_t size) {
-    for (size_t i = 0; i + 2 < size;) {
-        const void* zero = std::memchr(data + i, 0, size - i - 2);
-        if (zero == nullptr) return false;
-        i = size_t(static_cast<const uint8_t*>(zero) - data);
-        if (data[i + 1] == 0 && data[i + 2] <= 2) return true;
-        ++i;
+    if (size < 3) return false;
+    // Coded slices hold few zero bytes: words without one are stepped over whole,
+    // and only a word with a zero byte is looked at byte by byte.
+    constexpr uint64_t kLow = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+    size_t i = 0;
+    for (; i + 8 + 2 <= size; i += 8) {
+        uint64_t word;
+        std::memcpy(&word, data + i, 8);
+        if (((word - kLow) & ~word & kHigh) == 0) continue;
+        for (size_t j = i; j < i + 8; ++j)
+            if (data[j] == 0 && data[j + 1] == 0 && data[j + 2] <= 2) return true;
     }
+    for (; i + 2 < size; ++i)
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] <= 2) return true;
     return false;
 }
 

@@ -21,7 +21,10 @@ bool AsfCarver::Next(AVPacket* packet) {
     for (;;) {
         while (!assembler_.Take(object))
             if (!ReadPacket()) return false;
-        if (ToPacket(object, packet)) return true;
+        if (!ToPacket(object, packet)) continue;
+        // The object's last fragment came from the packet read last.
+        lastAt_ = position_ - int64_t(layout_.packetSize);
+        return true;
     }
 }
 

@@ -40,6 +40,7 @@ public:
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override { return position_; }
     int64_t Skipped() const override { return skipped_; }
+    int64_t FilePosition(const AVPacket*) const override { return lastAt_; }
 
     int64_t DroppedObjects() const { return assembler_.Dropped(); }
 
@@ -59,6 +60,7 @@ private:
     bool correctionSeen_ = false;  // the file's packets carry error-correction flags
     std::vector<asf::Fragment> fragments_;
     asf::ObjectAssembler assembler_;
+    int64_t lastAt_ = -1;  // the packet the object last returned ended in
 };
 
 }  // namespace thorough

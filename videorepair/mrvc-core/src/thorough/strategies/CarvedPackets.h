@@ -38,6 +38,7 @@ public:
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override { return consumed_; }
     int64_t Skipped() const override { return skipped_; }
+    int64_t FilePosition(const AVPacket*) const override { return next_ > 0 ? samples_[next_ - 1].offset : -1; }
 
 private:
     const CarvedTrack& Track(unsigned stream) const { return tracks_[streams_[stream]]; }

@@ -52,10 +52,12 @@ size_t MediaDataWalker::VideoAt(int64_t at, int64_t end, bool& key) {
     return video_.Measure(At(at), AvailableAt(at), key);
 }
 
-int64_t MediaDataWalker::NextVideo(int64_t from, int64_t end) {
-    bool key = false;
+// The next video sample from `from` on, measured once: its length and key flag
+// come back with it (length 0 at the end).
+int64_t MediaDataWalker::NextVideo(int64_t from, int64_t end, size_t& length, bool& key) {
     for (int64_t at = from; at < end; ++at)
-        if (VideoAt(at, end, key) > 0) return at;
+        if ((length = VideoAt(at, end, key)) > 0) return at;
+    length = 0;
     return end;
 }
 
@@ -79,14 +81,16 @@ bool MediaDataWalker::Walk(int64_t begin, int64_t end, std::vector<CarvedSample>
     for (int64_t at = begin; at < end;) {
         if (Stopped(at - begin)) return false;
         bool key = false;
-        if (size_t length = VideoAt(at, end, key); length > 0) {
+        size_t length = VideoAt(at, end, key);
+        if (length == 0) {
+            const int64_t next = NextVideo(at + 1, end, length, key);
+            if (!TakeAudio(at, next, out)) DoubtLastVideo(out);
+            at = next;
+        }
+        if (length > 0) {
             Add(out, {at, uint32_t(length), true, key, 0});
             at += int64_t(length);
-            continue;
         }
-        const int64_t next = NextVideo(at + 1, end);
-        if (!TakeAudio(at, next, out)) DoubtLastVideo(out);
-        at = next;
     }
     walked_ += end - begin;
     return true;

@@ -51,7 +51,7 @@ private:
     }
     size_t AvailableAt(int64_t at) const { return size_t(bufferStart_ + int64_t(buffer_.size()) - at); }
     size_t VideoAt(int64_t at, int64_t end, bool& key);
-    int64_t NextVideo(int64_t from, int64_t end);
+    int64_t NextVideo(int64_t from, int64_t end, size_t& length, bool& key);
     // True when the stretch's first bytes were taken as audio.
     bool TakeAudio(int64_t begin, int64_t end, std::vector<CarvedSample>& out);
     std::vector<AudioFrame> FramesFrom(const uint8_t* run, size_t size, size_t& from, bool cut);

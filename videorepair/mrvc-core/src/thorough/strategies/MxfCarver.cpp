@@ -51,6 +51,7 @@ bool MxfCarver::Next(AVPacket* packet) {
         int index = IndexOf(klv.track);
         if (index < 0 || klv.length <= 0 || klv.length > kLargestElement) continue;
         CountUnit(klv.track, klv.at);
+        lastAt_ = klv.at;
         if (ToPacket(klv, unsigned(index), packet)) return true;
     }
     return false;

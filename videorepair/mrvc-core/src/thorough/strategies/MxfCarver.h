@@ -35,6 +35,7 @@ public:
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override { return walker_.Position(); }
     int64_t Skipped() const override { return walker_.Skipped(); }
+    int64_t FilePosition(const AVPacket*) const override { return lastAt_; }
 
 private:
     int IndexOf(uint32_t track) const;
@@ -52,6 +53,7 @@ private:
     std::vector<uint32_t> order_;
     int lastPosition_ = -1;
     int64_t firstElementAt_ = -1, skippedAtFirst_ = 0, skippedAtLastUnit_ = 0;
+    int64_t lastAt_ = -1;  // the element of the packet last returned
 };
 
 // A D-10 sound element as plain PCM: the 24 audio bits of each

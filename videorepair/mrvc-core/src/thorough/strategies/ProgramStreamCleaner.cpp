@@ -74,6 +74,7 @@ ProgramStreamCleaner::Step ProgramStreamCleaner::Next() {
     skipping_ = true;
     const size_t skip = std::max<size_t>(ps::FindUnit(d, n, 1, reachesEnd), 1);
     skipped_ += int64_t(skip);
+    skips_.Add(reader_.Position(), int64_t(skip));
     reader_.Advance(int64_t(skip));
     return Step::kSkipped;
 }
@@ -84,9 +85,12 @@ void ProgramStreamCleaner::Emit(const uint8_t* d, size_t n, bool reachesEnd, con
     if (!emitted_ && unit.kind != ps::UnitKind::kPack) {
         pending_ = ps::SyntheticPackHeader(LeadingForm(d, n, reachesEnd, unit));
         madeUpPack_ = true;
+        map_.AddPutIn(int64_t(pending_.size()));
+        putIn_.push_back({reader_.Position(), int64_t(pending_.size()), RangeKind::kRestored, "pack header made up"});
         VR_LOG(log_, kLogInfo, "Program stream lost its first pack header; made one up before", reader_.Position());
     }
     emitted_ = true;
+    map_.Add(reader_.Position(), int64_t(unit.size));
     pending_.insert(pending_.end(), d, d + unit.size);
 }
 

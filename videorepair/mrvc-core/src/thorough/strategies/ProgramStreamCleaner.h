@@ -10,6 +10,7 @@
 
 #include "io/PositionedReader.h"
 #include "thorough/ByteSource.h"
+#include "thorough/ViewMap.h"
 #include "thorough/strategies/ProgramStreamUnits.h"
 
 class RepairLog;
@@ -31,6 +32,9 @@ public:
     int64_t Consumed() const override { return reader_.Position(); }
     int64_t Skipped() const override { return skipped_; }
     bool ChangedAnything() const override { return skipped_ > 0 || madeUpPack_; }
+    int64_t FileOffset(int64_t viewOffset) const override { return map_.FileOffset(viewOffset); }
+    std::vector<RecordRange> PutIn() const override { return putIn_; }
+    std::vector<RecordRange> SkippedRanges() const override { return skips_.Ranges(); }
 
     // The form of the first valid pack header in the file's first window.
     ps::PackForm FilePackForm() const { return fileForm_; }
@@ -49,6 +53,9 @@ private:
     ps::PackForm leadingForm_;
     ps::PackForm fileForm_ = ps::PackForm::kUnknown;
     RepairLog* log_;
+    ViewMap map_;
+    SkipList skips_;
+    std::vector<RecordRange> putIn_;
     std::vector<uint8_t> pending_;
     size_t pendingAt_ = 0;
     bool emitted_ = false;

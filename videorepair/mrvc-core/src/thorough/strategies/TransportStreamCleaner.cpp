@@ -128,9 +128,13 @@ bool TransportStreamCleaner::ConfirmedAtCursor() const {
 
 void TransportStreamCleaner::Emit(const uint8_t* packet) {
     const int64_t start = cursor_ - ts::PrefixBytes(packetSize_);
-    if (start > covered_) skipped_ += start - covered_;
+    if (start > covered_) {
+        skipped_ += start - covered_;
+        skips_.Add(covered_, start - covered_);
+    }
     covered_ = std::min(start + packetSize_, reader_.Size());
     Watch(packet);
+    map_.Add(cursor_, ts::kPacketBytes);
     Append(packet);
 }
 
@@ -163,8 +167,11 @@ void TransportStreamCleaner::Watch(const uint8_t* packet) {
 void TransportStreamCleaner::Inject() {
     for (TsProgramTables::Packet packet : tables_.Packets()) {
         ts::SetContinuity(packet.data(), 0);
+        map_.AddPutIn(ts::kPacketBytes);
         Append(packet.data());
     }
+    putIn_.push_back({cursor_, int64_t(tables_.Packets().size()) * ts::kPacketBytes, RangeKind::kRestored,
+                      "PAT and PMT from the sample"});
     injected_ = true;
     VR_LOG(log_, kLogInfo, "PAT/PMT from the sample put in front", int32_t(tables_.Packets().size()));
 }
@@ -176,7 +183,10 @@ void TransportStreamCleaner::Append(const uint8_t* packet) {
 void TransportStreamCleaner::Finish() {
     if (finished_) return;
     finished_ = true;
-    if (reader_.Size() > covered_) skipped_ += reader_.Size() - covered_;
+    if (reader_.Size() > covered_) {
+        skipped_ += reader_.Size() - covered_;
+        skips_.Add(covered_, reader_.Size() - covered_);
+    }
     covered_ = reader_.Size();
     VR_LOG(log_, kLogInfo, "Transport stream bytes skipped", skipped_);
     VR_LOG(log_, kLogInfo, "Transport stream resynchronisations", resyncs_);

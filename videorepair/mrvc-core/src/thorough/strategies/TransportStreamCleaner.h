@@ -10,6 +10,7 @@
 
 #include "io/PositionedReader.h"
 #include "thorough/ByteSource.h"
+#include "thorough/ViewMap.h"
 #include "thorough/strategies/TsProgramTables.h"
 
 class RepairLog;
@@ -35,6 +36,9 @@ public:
     int SamplePacketSize() const { return tables_.PacketSize(); }
     bool InjectedTables() const { return injected_; }
     bool ChangedAnything() const override { return skipped_ > 0 || injected_; }
+    int64_t FileOffset(int64_t viewOffset) const override { return map_.FileOffset(viewOffset); }
+    std::vector<RecordRange> PutIn() const override { return putIn_; }
+    std::vector<RecordRange> SkippedRanges() const override { return skips_.Ranges(); }
 
 private:
     bool Produce();
@@ -69,6 +73,9 @@ private:
     bool headerSettled_ = false;  // decided at the first PES start, once
     bool injected_ = false;
 
+    ViewMap map_;
+    SkipList skips_;
+    std::vector<RecordRange> putIn_;
     std::vector<uint8_t> pending_;
     size_t pendingAt_ = 0;
 };
