@@ -15,6 +15,7 @@ constexpr int kCancelled = 7;
 constexpr int kLibraryError = 8;
 constexpr int kUnplayable = 9;
 constexpr int kOutputExists = 10;
+constexpr int kPartlyRecovered = 11;
 constexpr int kInterrupted = 130;  // second Ctrl-C: 128 + SIGINT, as shells report it
 
 struct Meaning {
@@ -35,6 +36,7 @@ constexpr Meaning kAll[] = {
     {kLibraryError, "the repair library could not be loaded or initialised"},
     {kUnplayable, "a result was written but does not open or holds no video frame"},
     {kOutputExists, "a result already exists and was kept: -y replaces it, -n skips quietly"},
+    {kPartlyRecovered, "repaired, but parts of the damaged file could not be read (failing card or disk)"},
     {kInterrupted, "a second Ctrl-C quit at once"},
 };
 

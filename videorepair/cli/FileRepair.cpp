@@ -8,6 +8,7 @@
 
 #include "ExitCodes.h"
 #include "RepairSession.h"
+#include "Unreadable.h"
 #include "WorkFiles.h"
 #include "WorkerFiles.h"
 
@@ -143,6 +144,23 @@ void FileRepair::PlaceResult(RepairSession& session, const std::string& damagedV
     file.repairedPath = file.savedPath = Absolute(destination);
 }
 
+// A device that would not give every byte, or a destination that would not take
+// the result, gets its own exit code and words.
+void FileRepair::NoteFaults(const RepairOutcome& outcome, std::vector<MapRange> unreadable, FileResult& file) const {
+    file.unreadable = std::move(unreadable);
+    if (file.exitCode == exit_codes::kOk && !file.unreadable.empty()) {
+        int64_t lost = 0;
+        for (const MapRange& range : file.unreadable) lost += range.length;
+        file.exitCode = exit_codes::kPartlyRecovered;
+        file.error = "partly recovered: " + std::to_string(lost) + " bytes of the damaged file could not be read";
+    }
+    if (file.status == "failed" && std::string(outcome.judge.reason).find("writing the repaired file failed") == 0) {
+        file.status = "save-failed";
+        file.exitCode = exit_codes::kSaveFailed;
+        file.error = outcome.judge.reason;  // names the cause and the folder
+    }
+}
+
 void FileRepair::Measure(FileResult& file) const {
     display_.SetPhase("checking");
     // The thorough repair's judge has decoded what it counted; other roads are
@@ -229,7 +247,8 @@ FileResult FileRepair::Run(RepairSession& session, const std::string& input) {
     request.sample = sampleView;
     request.fullCheck = options_.fullCheck;
     if (Thorough()) request.outputPath = landing;
-    if (Thorough() && options_.workerRecord) request.recordPath = WorkPath(kRecordFile);
+    // The record is read for the unreadable ranges, and by the report when one is asked for.
+    if (Thorough()) request.recordPath = WorkPath(kRecordFile);
     std::string label = options_.workerLabel.empty() ? fs::u8path(input).filename().u8string() : options_.workerLabel;
     RepairOutcome outcome = session.Run(damagedView, request, label);
     file.libraryCalled = true;
@@ -252,6 +271,7 @@ FileResult FileRepair::Run(RepairSession& session, const std::string& input) {
         PlaceResult(session, damagedView, outcome, landing, file);
     }
     if (outcome.started) Measure(file);
+    if (!request.recordPath.empty()) NoteFaults(outcome, UnreadableRanges(request.recordPath), file);
     Advise(file);
     display_.End();
     return file;

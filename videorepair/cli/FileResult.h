@@ -48,4 +48,5 @@ struct FileResult {
     std::vector<std::string> lostStreams;  // "pcm_s16le audio": in the damaged file or sample, not in the result
     RepairMap map;           // the thorough repair's record: byte ranges and gaps
     std::string reportPage;  // --report: this file's page
+    std::vector<MapRange> unreadable;  // of the damaged file: the device would not give them
 };

@@ -11,6 +11,7 @@
 #include "Console.h"
 #include "ExitCodes.h"
 #include "ReportRun.h"
+#include "Unreadable.h"
 #include "WorkerFiles.h"
 #include "WorkerPool.h"
 
@@ -81,6 +82,10 @@ bool HostApp::CheckFfmpeg() {
 bool HostApp::CheckSample() {
     if (options_.command != CliCommand::kRepair || options_.sample.empty()) return true;
     std::string reason = UnreadableReason(options_.sample);
+    if (reason.empty()) {
+        std::string failure = ReadThroughFailure(options_.sample);
+        if (!failure.empty()) reason = "cannot be read: " + failure;
+    }
     if (reason.empty()) return true;
     Fail("sample " + options_.sample + ": " + reason, exit_codes::kMissingFile);
     return false;

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "ProgressDisplay.h"
+#include "Unreadable.h"
 #include "WorkFiles.h"
 
 namespace {
@@ -120,6 +121,7 @@ Poco::JSON::Object::Ptr FileJson(const FileResult& file) {
     object->set("repaired", file.judged ? Poco::Dynamic::Var(CountJson(file.judge.repaired)) : none);
     object->set("judgeSeconds", file.judged ? Poco::Dynamic::Var(file.judge.seconds) : none);
     if (file.map.loaded) object->set("map", MapJson(file.map));
+    AddUnreadableJson(*object, file.unreadable);
     if (!file.reportPage.empty()) object->set("reportPage", file.reportPage);
     Poco::JSON::Object::Ptr report = new Poco::JSON::Object;
     if (file.probed) {
@@ -178,6 +180,7 @@ std::string FileReport(const FileResult& file, const RunSummary& run) {
     if (!file.note.empty()) text += "  note      " + file.note + "\n";
     text += "  written   " + file.savedPath + "\n";
     if (file.judged) text += JudgeText(file.judge);
+    text += UnreadableText(file.unreadable);
     if (file.probed) {
         text += Format("  %-9s %-34s %10s %9s %13s\n", "", "streams", "duration", "packets", "video frames");
         if (run.sampleProbed) text += FactsRow("sample", run.sampleFacts, run.sampleFacts.decodedFrames);

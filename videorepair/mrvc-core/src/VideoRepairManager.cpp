@@ -1,5 +1,6 @@
 #include "VideoRepairManager.h"
 
+#include <Poco/File.h>
 #include <Poco/Path.h>
 
 #include <cstring>
@@ -14,6 +15,8 @@
 #include "VideoRepairOptions.h"
 #include "io/FileReader.h"
 #include "io/FileWriter.h"
+#include "io/ReadFaults.h"
+#include "io/WriteFailure.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -112,7 +115,13 @@ int32_t VideoRepairManager::Repair(const wchar_t* videoPath, const wchar_t* samp
     return Guarded([&]() -> int32_t {
         std::lock_guard<std::mutex> guard(lock_);
         return RunEngine(videoPath, samplePath, [&](IAdvanceVideoRepair& engine, std::wstring& repaired) {
+            // The engine's readers share what the damaged file would not give; it is
+            // logged only when something was lost, so clean files log as before.
+            ReadFaultWatch watch(videoPath, nullptr);
             int result = engine.Repair();
+            for (const auto& range : watch.Faults()->Ranges())
+                VR_LOG(log_.get(), kLogWarning, "Repair read zeros for unreadable bytes (offset, length):",
+                       std::to_string(range.first) + ", " + std::to_string(range.second));
             if (result == 0) {
                 std::wstring output;
                 repaired = engine.GetRepairedVideo(output, videoPath, std::wstring(), 0);
@@ -307,9 +316,13 @@ int32_t VideoRepairManager::SaveAs(const wchar_t* videoPath, const wchar_t* dest
 int32_t VideoRepairManager::CopyRepairedFile(const std::wstring& source, const std::wstring& destination,
                                              const SaveProgressCallback&) {
     if (platform::SameFile(source, destination)) return 0;  // already there
+    // Written under a temporary name beside the destination and renamed into place
+    // only when complete, so a full disk leaves no partial file behind.
+    const std::wstring partial = FolderOf(destination) + L"/.vr-" + naming::NewUuidText() + L".part";
     FileReader in(FileWriter::kPieceBytes * 2);
     FileWriter out;
-    bool ok = in.Open(source) && out.Create(destination);
+    std::string why;
+    bool ok = in.Open(source) && RoomFor(FolderOf(destination), in.Size(), why) && out.Create(partial);
     std::vector<uint8_t> piece(FileWriter::kPieceBytes);
     for (int64_t offset = 0; ok && offset < in.Size();) {
         int64_t n = in.ReadAt(offset, piece.data(), piece.size());
@@ -321,8 +334,16 @@ int32_t VideoRepairManager::CopyRepairedFile(const std::wstring& source, const s
         offset += n;
     }
     ok = out.Close() && ok;
+    if (ok) ok = platform::RenameReplacing(partial, destination);
     if (!ok) {
-        VR_LOG(log_.get(), kLogError, "SaveAs failed, copy error:", platform::ToNarrow(destination));
+        if (why.empty() && out.Failure() != platform::IoFailure::kNone)
+            why = WriteFailureText(out.Failure(), FolderOf(destination), in.Size());
+        try {
+            Poco::File(platform::ToNarrow(partial)).remove();
+        } catch (...) {
+        }
+        VR_LOG(log_.get(), kLogError, "SaveAs failed, copy error:",
+               platform::ToNarrow(destination) + (why.empty() ? "" : " (" + why + ")"));
         return -1;
     }
     return 0;

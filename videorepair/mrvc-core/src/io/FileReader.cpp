@@ -6,7 +6,8 @@
 
 #include "platform/Platform.h"
 
-FileReader::FileReader(size_t cacheBytes) : capacity_(std::max<size_t>(cacheBytes, 8192)) {}
+FileReader::FileReader(size_t cacheBytes)
+    : capacity_(std::max<size_t>(cacheBytes, 8192)), faults_(std::make_shared<ReadFaults>()) {}
 
 FileReader::~FileReader() { Close(); }
 
@@ -17,6 +18,8 @@ bool FileReader::Open(const std::wstring& path) {
     size_ = platform::Seek(fd_, 0, SEEK_END);
     if (size_ < 0) size_ = 0;
     platform::Seek(fd_, 0, SEEK_SET);
+    faults_ = ReadFaultWatch::For(path);
+    rescue_ = std::make_unique<SectorRescue>(faults_, size_);
     return true;
 }
 
@@ -27,6 +30,7 @@ void FileReader::Close() {
     cacheStart_ = 0;
     cacheLength_ = 0;
     readError_ = false;
+    rescue_.reset();
     std::vector<uint8_t>().swap(cache_);
 }
 
@@ -42,16 +46,25 @@ bool FileReader::Load(int64_t offset) {
     }
     cacheStart_ = offset;
     cacheLength_ = kept;
-    if (platform::Seek(fd_, offset + int64_t(kept), SEEK_SET) < 0) return false;
+    int64_t at = offset + int64_t(kept);
+    if (platform::Seek(fd_, at, SEEK_SET) < 0) return false;
     while (cacheLength_ < capacity_) {
         uint32_t want = uint32_t(std::min<size_t>(capacity_ - cacheLength_, 1u << 30));
-        int64_t got = platform::Read(fd_, cache_.data() + cacheLength_, want);
+        // Sectors known to be bad are not asked for again (nor anything once the
+        // device is gone): the read stops short of them and they come as zeros.
+        const int64_t bad = faults_->NextUnreadable(at);
+        if (bad > at) want = uint32_t(std::min<int64_t>(want, bad - at));
+        int64_t got = bad == at ? -1 : platform::Read(fd_, cache_.data() + cacheLength_, want);
         if (got < 0) {
-            readError_ = true;
-            break;
+            // The device refused: take what it still gives, piece by piece.
+            want = uint32_t(std::max<int64_t>(0, std::min<int64_t>(want, size_ - at)));
+            got = int64_t(rescue_->Fill(fd_, at, cache_.data() + cacheLength_, want));
+            readError_ = got == 0;
+            if (got > 0 && platform::Seek(fd_, at + got, SEEK_SET) < 0) got = 0;
         }
-        if (got == 0) break;
+        if (got <= 0) break;
         cacheLength_ += size_t(got);
+        at += got;
     }
     return true;
 }

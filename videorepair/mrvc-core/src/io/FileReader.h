@@ -1,12 +1,18 @@
 // Reads a file at arbitrary offsets through one large cache, so that engines can
 // ask for small blocks (as their formats dictate) while the operating system is
-// asked for big pieces. Memory is the cache, never the file.
+// asked for big pieces. Memory is the cache, never the file. Sectors the device
+// cannot read come as zeros (see SectorRescue), and so does everything behind
+// the point where the device went away.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "io/ReadFaults.h"
+#include "io/SectorRescue.h"
 
 class FileReader {
 public:
@@ -21,6 +27,8 @@ public:
     void Close();
     bool IsOpen() const { return fd_ >= 0; }
     int64_t Size() const { return size_; }
+    // What could not be read so far (shared by every reader of a watched path).
+    const ReadFaults& Faults() const { return *faults_; }
 
     // Up to n bytes from offset (fewer at the end of the file, 0 past it). The
     // pointer stays valid until the next call. n is capped at MaxView().
@@ -40,4 +48,6 @@ private:
     int64_t cacheStart_ = 0;
     size_t cacheLength_ = 0;
     bool readError_ = false;
+    std::shared_ptr<ReadFaults> faults_;
+    std::unique_ptr<SectorRescue> rescue_;
 };

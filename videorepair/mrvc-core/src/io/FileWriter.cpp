@@ -10,12 +10,19 @@ FileWriter::~FileWriter() { Close(); }
 
 bool FileWriter::Create(const std::wstring& path) {
     Close();
+    failure_ = platform::IoFailure::kNone;
     fd_ = platform::OpenForWrite(path);
-    ok_ = fd_ >= 0;
+    ok_ = true;
+    if (fd_ < 0) Fail();
     written_ = 0;
     buffer_.clear();
     buffer_.reserve(kPieceBytes);
     return ok_;
+}
+
+void FileWriter::Fail() {
+    if (ok_) failure_ = platform::LastIoFailure();
+    ok_ = false;
 }
 
 bool FileWriter::Flush() {
@@ -23,7 +30,7 @@ bool FileWriter::Flush() {
     while (ok_ && done < buffer_.size()) {
         uint32_t piece = uint32_t(std::min(buffer_.size() - done, kPieceBytes));
         int64_t n = platform::Write(fd_, buffer_.data() + done, piece);
-        if (n != int64_t(piece)) ok_ = false;
+        if (n != int64_t(piece)) Fail();
         done += piece;
     }
     buffer_.clear();
@@ -35,7 +42,7 @@ bool FileWriter::Flush() {
 bool FileWriter::WriteDirect(const uint8_t* p, size_t n) {
     while (ok_ && n > 0) {
         uint32_t piece = uint32_t(std::min(n, kPieceBytes));
-        if (platform::Write(fd_, p, piece) != int64_t(piece)) ok_ = false;
+        if (platform::Write(fd_, p, piece) != int64_t(piece)) Fail();
         p += piece;
         n -= piece;
         written_ += int64_t(piece);
@@ -68,7 +75,7 @@ bool FileWriter::PatchAt(int64_t offset, const void* data, size_t n) {
     if (fd_ < 0 || !Flush()) return false;
     if (platform::Seek(fd_, offset, SEEK_SET) < 0 ||
         platform::Write(fd_, data, uint32_t(n)) != int64_t(n))
-        ok_ = false;
+        Fail();
     platform::Seek(fd_, 0, SEEK_END);
     return ok_;
 }
@@ -76,7 +83,7 @@ bool FileWriter::PatchAt(int64_t offset, const void* data, size_t n) {
 bool FileWriter::Close() {
     if (fd_ < 0) return ok_;
     Flush();
-    if (platform::Close(fd_) != 0) ok_ = false;
+    if (platform::Close(fd_) != 0) Fail();
     fd_ = -1;
     return ok_;
 }

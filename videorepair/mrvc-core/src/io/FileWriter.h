@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Platform.h"
+
 class FileWriter {
 public:
     static constexpr size_t kPieceBytes = 1048576;
@@ -24,13 +26,17 @@ public:
     int64_t Written() const { return written_; }
     bool Ok() const { return ok_; }
     bool Flush();  // hands what is buffered to the file
+    // Why the first failed open or write failed (kNone while all went well).
+    platform::IoFailure Failure() const { return failure_; }
     bool Close();  // flushes; false if any write failed
 
 private:
     bool WriteDirect(const uint8_t* p, size_t n);
+    void Fail();
 
     int fd_ = -1;
     std::vector<uint8_t> buffer_;
     int64_t written_ = 0;
     bool ok_ = true;
+    platform::IoFailure failure_ = platform::IoFailure::kNone;
 };

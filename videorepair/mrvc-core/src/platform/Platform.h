@@ -89,3 +89,19 @@ namespace platform {
 int64_t ReadPipeFor(intptr_t handle, void* buffer, uint32_t count, int milliseconds);
 
 }  // namespace platform
+
+namespace platform {
+
+// Why the last Read or Write on this thread failed, as far as a repair cares.
+enum class IoFailure { kNone, kDeviceGone, kNoSpace, kQuota, kReadOnly, kInputOutput, kOther };
+IoFailure LastIoFailure();
+// A short phrase for a failure ("no space left", "read-only file system", ...).
+const char* IoFailureText(IoFailure failure);
+
+// Bytes free to this user in the directory's file system; -1 when unknown.
+int64_t FreeBytes(const std::wstring& directory);
+
+// Replaces `to` with `from` in one step where the system can (same directory).
+bool RenameReplacing(const std::wstring& from, const std::wstring& to);
+
+}  // namespace platform

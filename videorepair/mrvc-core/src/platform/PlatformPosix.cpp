@@ -220,3 +220,34 @@ int64_t ReadPipeFor(intptr_t handle, void* buffer, uint32_t count, int milliseco
 }
 
 }  // namespace platform
+
+#include <cstdio>
+#include <sys/statvfs.h>
+
+namespace platform {
+
+IoFailure LastIoFailure() {
+    switch (errno) {
+        case 0: return IoFailure::kNone;
+        case ENODEV:
+        case ENXIO:
+        case ENOMEDIUM: return IoFailure::kDeviceGone;
+        case ENOSPC: return IoFailure::kNoSpace;
+        case EDQUOT: return IoFailure::kQuota;
+        case EROFS: return IoFailure::kReadOnly;
+        case EIO: return IoFailure::kInputOutput;
+        default: return IoFailure::kOther;
+    }
+}
+
+int64_t FreeBytes(const std::wstring& directory) {
+    struct statvfs st {};
+    if (::statvfs(ToNarrow(directory).c_str(), &st) != 0) return -1;
+    return int64_t(st.f_bavail) * int64_t(st.f_frsize);
+}
+
+bool RenameReplacing(const std::wstring& from, const std::wstring& to) {
+    return std::rename(ToNarrow(from).c_str(), ToNarrow(to).c_str()) == 0;
+}
+
+}  // namespace platform

@@ -205,3 +205,32 @@ int64_t ReadPipeFor(intptr_t handle, void* buffer, uint32_t count, int milliseco
 }
 
 }  // namespace platform
+
+#include <cerrno>
+
+namespace platform {
+
+// The C runtime's _read and _write set errno from the system's error.
+IoFailure LastIoFailure() {
+    switch (errno) {
+        case 0: return IoFailure::kNone;
+        case ENODEV:
+        case ENXIO: return IoFailure::kDeviceGone;
+        case ENOSPC: return IoFailure::kNoSpace;
+        case EROFS: return IoFailure::kReadOnly;
+        case EIO: return IoFailure::kInputOutput;
+        default: return IoFailure::kOther;
+    }
+}
+
+int64_t FreeBytes(const std::wstring& directory) {
+    ULARGE_INTEGER available{};
+    if (!GetDiskFreeSpaceExW(directory.c_str(), &available, nullptr, nullptr)) return -1;
+    return int64_t(available.QuadPart);
+}
+
+bool RenameReplacing(const std::wstring& from, const std::wstring& to) {
+    return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+}
+
+}  // namespace platform

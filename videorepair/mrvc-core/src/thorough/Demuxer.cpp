@@ -2,12 +2,14 @@
 
 #include <cstring>
 
-#include "platform/Platform.h"
 
 namespace thorough {
 namespace {
 
 constexpr int kIoBufferBytes = 1 << 16;
+// Demuxers jump about (an index at the end, tracks apart): a small cache costs
+// each jump no more than FFmpeg's own file reading does.
+constexpr size_t kFileCacheBytes = size_t(kIoBufferBytes) * 2;
 // Damaged files hide their streams behind garbage: probe further than usual.
 // FFmpeg's own probe first; a file whose streams it leaves undescribed (garbage
 // in front, a lost header) is probed again, further.
@@ -33,29 +35,45 @@ void QuietFfmpegLog() {
 
 Demuxer::~Demuxer() {
     input_.reset();
-    if (io_ != nullptr) {
-        av_freep(&io_->buffer);
-        avio_context_free(&io_);
-    }
+    FreeIo();
+}
+
+void Demuxer::FreeIo() {
+    if (io_ == nullptr) return;
+    av_freep(&io_->buffer);
+    avio_context_free(&io_);
+}
+
+bool Demuxer::NewIo(int (*read)(void*, uint8_t*, int), int64_t (*seek)(void*, int64_t, int)) {
+    FreeIo();
+    auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
+    if (buffer == nullptr) return false;
+    io_ = avio_alloc_context(buffer, kIoBufferBytes, 0, this, read, nullptr, seek);
+    if (io_ == nullptr) av_free(buffer);
+    return io_ != nullptr;
 }
 
 bool Demuxer::OpenFile(const std::wstring& path, const std::string& format) {
-    std::string url = "file:" + platform::ToNarrow(path);
-    if (Open(avformat_alloc_context(), url.c_str(), format, 1) && !Undescribed(input_.get())) return true;
+    file_ = std::make_unique<FileReader>(kFileCacheBytes);
+    if (!file_->Open(path)) return false;
+    if (OpenThroughReader(format, 1) && !Undescribed(input_.get())) return true;
     input_.reset();
-    return Open(avformat_alloc_context(), url.c_str(), format, kDeepProbeFactor) ||
-           Open(avformat_alloc_context(), url.c_str(), format, 1);
+    return OpenThroughReader(format, kDeepProbeFactor) || OpenThroughReader(format, 1);
+}
+
+bool Demuxer::OpenThroughReader(const std::string& format, int depth) {
+    filePosition_ = 0;
+    if (!NewIo(&Demuxer::ReadFromFile, &Demuxer::SeekInFile)) return false;
+    AVFormatContext* context = avformat_alloc_context();
+    if (context == nullptr) return false;
+    context->pb = io_;
+    context->flags |= AVFMT_FLAG_CUSTOM_IO;
+    return Open(context, "", format, depth);
 }
 
 bool Demuxer::OpenSource(std::unique_ptr<ByteSource> source, const std::string& format) {
     source_ = std::move(source);
-    auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
-    if (buffer == nullptr) return false;
-    io_ = avio_alloc_context(buffer, kIoBufferBytes, 0, this, &Demuxer::ReadSource, nullptr, nullptr);
-    if (io_ == nullptr) {
-        av_free(buffer);
-        return false;
-    }
+    if (!NewIo(&Demuxer::ReadSource, nullptr)) return false;
     AVFormatContext* context = avformat_alloc_context();
     if (context == nullptr) return false;
     context->pb = io_;
@@ -86,6 +104,29 @@ int Demuxer::ReadSource(void* opaque, uint8_t* buffer, int size) {
     int64_t n = self->source_->Read(buffer, size_t(size));
     if (n < 0) return AVERROR(EIO);
     return n == 0 ? AVERROR_EOF : int(n);
+}
+
+int Demuxer::ReadFromFile(void* opaque, uint8_t* buffer, int size) {
+    auto* self = static_cast<Demuxer*>(opaque);
+    int64_t n = self->file_->ReadAt(self->filePosition_, buffer, size_t(size));
+    if (n < 0) return AVERROR(EIO);
+    self->filePosition_ += n;
+    return n == 0 ? AVERROR_EOF : int(n);
+}
+
+int64_t Demuxer::SeekInFile(void* opaque, int64_t offset, int whence) {
+    auto* self = static_cast<Demuxer*>(opaque);
+    const int64_t size = self->file_->Size();
+    switch (whence & ~AVSEEK_FORCE) {
+        case AVSEEK_SIZE: return size;
+        case SEEK_SET: break;
+        case SEEK_CUR: offset += self->filePosition_; break;
+        case SEEK_END: offset += size; break;
+        default: return AVERROR(EINVAL);
+    }
+    if (offset < 0) return AVERROR(EINVAL);
+    self->filePosition_ = offset;
+    return offset;
 }
 
 AVRational Demuxer::FrameRate(unsigned stream) const {

@@ -1,12 +1,15 @@
 // libavformat reading either a file or a strategy's cleaned byte source, told to
 // keep going over damage: missing timestamps are made up, and a few read errors
-// in a row are stepped over.
+// in a row are stepped over. Files are read through this library's FileReader,
+// not FFmpeg's own file protocol, so sectors a failing device refuses reach the
+// demuxer as the zeros every other reader sees.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include "io/FileReader.h"
 #include "thorough/AvHandles.h"
 #include "thorough/ByteSource.h"
 #include "thorough/PacketSource.h"
@@ -53,11 +56,18 @@ public:
 private:
     // depth: how many times FFmpeg's usual probe to read.
     bool Open(AVFormatContext* context, const char* url, const std::string& format, int depth);
+    bool OpenThroughReader(const std::string& format, int depth);
+    bool NewIo(int (*read)(void*, uint8_t*, int), int64_t (*seek)(void*, int64_t, int));
+    void FreeIo();
     static int ReadSource(void* opaque, uint8_t* buffer, int size);
+    static int ReadFromFile(void* opaque, uint8_t* buffer, int size);
+    static int64_t SeekInFile(void* opaque, int64_t offset, int whence);
     bool CutByTheEnd(const AVPacket* packet) const;
 
     std::unique_ptr<ByteSource> source_;
-    AVIOContext* io_ = nullptr;  // ours when reading a source
+    std::unique_ptr<FileReader> file_;
+    int64_t filePosition_ = 0;
+    AVIOContext* io_ = nullptr;  // ours, over the source or the file
     InputPtr input_;
     int64_t cutSamples_ = 0;
 };

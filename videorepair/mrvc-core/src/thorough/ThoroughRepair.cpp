@@ -11,6 +11,8 @@
 #include "io/FileReader.h"
 #include "io/FileWriter.h"
 #include "io/RangeCopy.h"
+#include "io/ReadFaults.h"
+#include "io/WriteFailure.h"
 #include "platform/Platform.h"
 #include "thorough/Demuxer.h"
 #include "thorough/RemuxPass.h"
@@ -47,28 +49,28 @@ bool RemoveFile(const std::wstring& path) {
     }
 }
 
-bool CopyWhole(const std::wstring& from, const std::wstring& to) {
+// Copies the whole file; on failure names the cause and the folder in why.
+bool CopyWhole(const std::wstring& from, const std::wstring& to, std::string& why) {
     FileReader in(FileWriter::kPieceBytes * 2);
     FileWriter out;
-    if (!in.Open(from) || !out.Create(to)) return false;
-    int64_t copied = CopyFileRange(in, out, 0, in.Size());
-    return out.Close() && copied == in.Size();
-}
-
-bool MoveFile(const std::wstring& from, const std::wstring& to) {
-    try {
-        RemoveFile(to);
-        Poco::File(platform::ToNarrow(from)).renameTo(platform::ToNarrow(to));
-        return true;
-    } catch (...) {
-        return CopyWhole(from, to) && RemoveFile(from);
-    }
+    if (!in.Open(from)) return false;
+    if (!RoomFor(FolderOf(to), in.Size(), why)) return false;
+    bool written = out.Create(to) && CopyFileRange(in, out, 0, in.Size()) == in.Size();
+    written = out.Close() && written;
+    if (!written) why = WriteFailureText(out.Failure(), FolderOf(to), in.Size());
+    return written;
 }
 
 }  // namespace
 
 int ThoroughRepair::Run(ThoroughOutcome& outcome) {
+    // Every reader of the damaged file shares what it could not read, and the
+    // record hears of each unreadable range once.
+    ReadFaultWatch watch(job_.damagedPath, [this](int64_t offset, int64_t length) {
+        record_.AddRange(offset, length, RangeKind::kUnreadable);
+    });
     int result = RunPasses(outcome);
+    NoteUnreadable(*watch.Faults());
     WriteRecord(outcome);
     return result;
 }
@@ -103,8 +105,12 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
         return -1;
     }
     bool kept = Keep(best);
-    RemoveTemporaries(best.path);
-    if (!kept) return -1;
+    RemoveTemporaries(kept ? best.path : std::wstring());
+    if (!kept) {
+        outcome.verdict = kVerdictNone;
+        outcome.reason = "writing the repaired file failed: " + writeFailure_;
+        return -1;
+    }
     RecordWhatWasKept(best);
     control_.Progress(100);
     return 0;
@@ -251,11 +257,27 @@ Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, 
     return candidate;
 }
 
+// The kept file comes into place whole or not at all: the as-is copy is written
+// under a temporary name beside the output first, then renamed, like every candidate.
 bool ThoroughRepair::Keep(const Candidate& best) {
-    bool kept = best.kind == kVerdictAsIs ? CopyWhole(job_.damagedPath, job_.outputPath)
-                                          : MoveFile(best.path, job_.outputPath);
-    if (!kept) Log(kLogError, "[Thorough] writing the repaired file failed:", platform::ToNarrow(job_.outputPath));
+    std::wstring from = best.path;
+    if (best.kind == kVerdictAsIs) {
+        from = TemporaryPath();
+        if (!CopyWhole(job_.damagedPath, from, writeFailure_)) from.clear();
+    }
+    bool kept = !from.empty() && platform::RenameReplacing(from, job_.outputPath);
+    if (!kept) {
+        if (writeFailure_.empty()) writeFailure_ = WriteFailureText(platform::LastIoFailure(), FolderOf(job_.outputPath), -1);
+        Log(kLogError, "[Thorough] writing the repaired file failed:", writeFailure_);
+    }
     return kept;
+}
+
+void ThoroughRepair::NoteUnreadable(const ReadFaults& faults) const {
+    for (const auto& range : faults.Ranges())
+        Log(kLogWarning, "[Thorough] unreadable bytes (offset, length):",
+            std::to_string(range.first) + ", " + std::to_string(range.second));
+    if (faults.GoneAt() >= 0) Log(kLogWarning, "[Thorough] the device stopped answering at offset", std::to_string(faults.GoneAt()));
 }
 
 void ThoroughRepair::RemoveTemporaries(const std::wstring& except) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VideoRepairOptions.h"
+#include "io/ReadFaults.h"
 #include "thorough/AsIsCounter.h"
 #include "thorough/Demuxer.h"
 #include "thorough/MediaTally.h"
@@ -74,6 +75,7 @@ private:
     void RemoveTemporaries(const std::wstring& except);
     void Explain(const Candidate& best, const Candidate& asIs, ThoroughOutcome& outcome) const;
     void WriteRecord(ThoroughOutcome& outcome) const;
+    void NoteUnreadable(const ReadFaults& faults) const;
     void Log(int level, const std::string& message, const std::string& value) const;
 
     ThoroughJob job_;
@@ -87,6 +89,7 @@ private:
     std::string cutNote_;              // samples the end of the file cut, left out
     std::vector<std::wstring> temporaries_;
     RepairRecord record_;
+    std::string writeFailure_;  // why the kept file could not be written
 };
 
 }  // namespace thorough
