@@ -8,6 +8,8 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -88,9 +90,11 @@ ToolRun RunTool(const std::vector<std::string>& args, const Faults& faults) {
     return run;
 }
 
-// The "unreadable" list of the first file in the program's JSON lines.
-std::vector<std::pair<int64_t, int64_t>> UnreadableOf(const std::string& output) {
+// The "unreadable" list of the first file in the program's JSON lines; frames:
+// what the ranges cost, as the program estimates it (-1: not stated).
+std::vector<std::pair<int64_t, int64_t>> UnreadableOf(const std::string& output, int64_t* frames = nullptr) {
     std::vector<std::pair<int64_t, int64_t>> ranges;
+    if (frames != nullptr) *frames = -1;
     size_t open = output.find("{\"input\"");
     if (open == std::string::npos) return ranges;
     size_t close = output.find('\n', open);
@@ -100,6 +104,7 @@ std::vector<std::pair<int64_t, int64_t>> UnreadableOf(const std::string& output)
         for (size_t i = 0; list && i < list->size(); ++i) {
             auto r = list->getObject(unsigned(i));
             ranges.emplace_back(r->getValue<int64_t>("offset"), r->getValue<int64_t>("length"));
+            if (frames != nullptr && !r->isNull("frames")) *frames = std::max<int64_t>(*frames, 0) + r->getValue<int64_t>("frames");
         }
     } catch (...) {
     }
@@ -192,10 +197,14 @@ TEST_P(FailingCard, KeepsWhatTheCardStillGives) {
     ToolRun hole;
     const int holeFrames = Repair("hole", ReadFaults("VR_FAULT_EIO", std::to_string(holeAt) + ":65536"), hole);
     EXPECT_EQ(hole.exitCode, kPartlyRecovered) << hole.output;
-    auto ranges = UnreadableOf(hole.output);
+    int64_t holeCost = -1;
+    auto ranges = UnreadableOf(hole.output, &holeCost);
     ASSERT_EQ(ranges.size(), 1u) << hole.output;
     EXPECT_EQ(ranges[0], std::make_pair(holeAt, int64_t(65536)));
     EXPECT_GE(holeFrames, cleanFrames * 95 / 100);
+    // The cost is told at the file's rate: a few frames for 1-2% of it.
+    EXPECT_GT(holeCost, 0) << hole.output;
+    EXPECT_LE(holeCost, cleanFrames * 5 / 100) << hole.output;
 
     const int64_t goneAt = size_ * 7 / 10;
     int before = 0;

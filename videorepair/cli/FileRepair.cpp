@@ -146,11 +146,16 @@ void FileRepair::PlaceResult(RepairSession& session, const std::string& damagedV
 
 // A device that would not give every byte, or a destination that would not take
 // the result, gets its own exit code and words.
-void FileRepair::NoteFaults(const RepairOutcome& outcome, std::vector<MapRange> unreadable, FileResult& file) const {
+void FileRepair::NoteFaults(const RepairOutcome& outcome, std::vector<UnreadableRange> unreadable,
+                            FileResult& file) const {
     file.unreadable = std::move(unreadable);
+    std::error_code ec;
+    const auto damagedBytes = fs::file_size(fs::u8path(file.input), ec);
+    EstimateCost(file.unreadable, ec ? 0 : int64_t(damagedBytes), file.repaired.durationSeconds,
+                 file.repairedFrames >= 0 ? file.repairedFrames : file.repaired.decodedFrames);
     if (file.exitCode == exit_codes::kOk && !file.unreadable.empty()) {
         int64_t lost = 0;
-        for (const MapRange& range : file.unreadable) lost += range.length;
+        for (const UnreadableRange& range : file.unreadable) lost += range.length;
         file.exitCode = exit_codes::kPartlyRecovered;
         file.error = "partly recovered: " + std::to_string(lost) + " bytes of the damaged file could not be read";
     }

@@ -29,7 +29,7 @@ private:
     void PlaceResult(RepairSession& session, const std::string& damagedView, const RepairOutcome& outcome,
                      const std::string& landing, FileResult& file);
     void Measure(FileResult& file) const;
-    void NoteFaults(const struct RepairOutcome& outcome, std::vector<MapRange> unreadable, FileResult& file) const;
+    void NoteFaults(const struct RepairOutcome& outcome, std::vector<UnreadableRange> unreadable, FileResult& file) const;
     void Advise(FileResult& file) const;
     std::string WorkPath(const std::string& name) const;
 

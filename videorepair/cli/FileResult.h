@@ -8,6 +8,7 @@
 
 #include "MediaReport.h"
 #include "RecordReader.h"
+#include "Unreadable.h"
 #include "VideoRepairOptions.h"
 
 // What the thorough repair's judge chose and counted.
@@ -48,5 +49,5 @@ struct FileResult {
     std::vector<std::string> lostStreams;  // "pcm_s16le audio": in the damaged file or sample, not in the result
     RepairMap map;           // the thorough repair's record: byte ranges and gaps
     std::string reportPage;  // --report: this file's page
-    std::vector<MapRange> unreadable;  // of the damaged file: the device would not give them
+    std::vector<UnreadableRange> unreadable;  // of the damaged file: the device would not give them
 };
