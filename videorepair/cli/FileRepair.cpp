@@ -276,7 +276,14 @@ FileResult FileRepair::Run(RepairSession& session, const std::string& input) {
         PlaceResult(session, damagedView, outcome, landing, file);
     }
     if (outcome.started) Measure(file);
-    if (!request.recordPath.empty()) NoteFaults(outcome, UnreadableRanges(request.recordPath), file);
+    if (!request.recordPath.empty()) {
+        NoteFaults(outcome, UnreadableRanges(request.recordPath), file);
+    } else if (!outcome.unreadable.empty()) {
+        // The compatible road has no record: its log names what read as zeros.
+        std::vector<UnreadableRange> ranges;
+        for (const auto& [offset, length] : outcome.unreadable) ranges.push_back({offset, length});
+        NoteFaults(outcome, std::move(ranges), file);
+    }
     Advise(file);
     display_.End();
     return file;

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -68,6 +69,18 @@ std::string LogTail::LastError() const {
         if (StartsWith(line, kErrorPrefix)) found = MessageOf(line);
     }
     return found;
+}
+
+std::vector<std::pair<int64_t, int64_t>> LogTail::Pairs(const std::string& message) const {
+    std::vector<std::pair<int64_t, int64_t>> pairs;
+    for (const std::string& line : Lines(ReadSinceMark())) {
+        const size_t at = IsLogLine(line) ? line.find(message) : std::string::npos;
+        long long first = 0, second = 0;
+        if (at != std::string::npos &&
+            std::sscanf(line.c_str() + at + message.size(), " %lld, %lld", &first, &second) == 2)
+            pairs.emplace_back(first, second);
+    }
+    return pairs;
 }
 
 std::string LogTail::LastFfmpegLine() const {

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 class LogTail {
 public:
@@ -18,6 +20,8 @@ public:
     std::string LastError() const;
     // The last non-empty line of ffmpeg's output the library logged since Mark.
     std::string LastFfmpegLine() const;
+    // The "A, B" values of every line since Mark whose message is message.
+    std::vector<std::pair<int64_t, int64_t>> Pairs(const std::string& message) const;
     // Complete lines written since the previous call (for -v).
     std::string TakeNewLines();
 

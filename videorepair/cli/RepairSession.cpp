@@ -104,6 +104,7 @@ RepairOutcome RepairSession::Run(const std::string& damaged, const RepairRequest
     }
     outcome.error = log_.LastError();
     outcome.ffmpegLine = log_.LastFfmpegLine();
+    if (!outcome.judged) outcome.unreadable = log_.Pairs("Repair read zeros for unreadable bytes (offset, length):");
     return outcome;
 }
 

@@ -8,6 +8,8 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 #include <thread>
 
 #include "IVideoRepairManager.h"
@@ -37,6 +39,8 @@ struct RepairOutcome {
     std::string repairedPath;
     std::string error;       // the library's last ERROR line of this call
     std::string ffmpegLine;  // ffmpeg's last line of output, when it ran
+    // Compatible road: the damaged file's stretches that read as zeros (offset, length).
+    std::vector<std::pair<int64_t, int64_t>> unreadable;
     double seconds = 0.0;
 };
 
