@@ -300,6 +300,19 @@ TEST_F(FullDisk, FailsCleanlyAndLeavesNothing) {
     }
 }
 
+// The work folder fills up instead: the engine's intermediates and the repair's
+// own result cannot be written there; the tool says which folder and what to do.
+TEST_F(FullDisk, AFullWorkFolderIsNamed) {
+    const std::string out = dir_.file("out-work-full"), work = dir_.file("work-full");
+    fs::create_directories(out);
+    fs::create_directories(work);
+    ToolRun run = RunTool({"repair", "--compatible", clip_, "-s", sample_, "-o", out, "--work-dir", work, "-q"},
+                          {{"VR_FAULT_WRITE_DIR", work}, {"VR_FAULT_WRITE_LIMIT", "50000"}});
+    EXPECT_EQ(run.exitCode, kSaveFailed) << run.output;
+    EXPECT_NE(run.output.find("in the work folder"), std::string::npos) << run.output;
+    EXPECT_EQ(FilesIn(out), 0u);
+}
+
 TEST_F(FullDisk, AnUnreadableSampleIsNamed) {
     ToolRun run = RunTool({"repair", clip_, "-s", sample_, "-o", dir_.file("out"), "--work-dir", dir_.file("work")},
                           {{"VR_FAULT_READ_PATH", sample_}, {"VR_FAULT_EIO", "200000:512"}});

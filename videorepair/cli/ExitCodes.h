@@ -17,6 +17,8 @@ constexpr int kUnplayable = 9;
 constexpr int kOutputExists = 10;
 constexpr int kPartlyRecovered = 11;
 constexpr int kInterrupted = 130;  // second Ctrl-C: 128 + SIGINT, as shells report it
+// Between a worker and the tool only: the work folder took no more (no result written).
+constexpr int kWorkFolderFull = 64;
 
 struct Meaning {
     int code;

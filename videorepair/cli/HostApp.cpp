@@ -203,6 +203,12 @@ void HostApp::Collect(const Pending& pending, int exitCode) {
         file.status = "failed";
         file.exitCode = exit_codes::kRepairFailed;
         file.error = "the repair process ended without a result (exit code " + std::to_string(exitCode) + ")";
+        if (exitCode == exit_codes::kWorkFolderFull) {
+            file.status = "save-failed";
+            file.exitCode = exit_codes::kSaveFailed;
+            file.error = "no space left (or no access) in the work folder " + workDirectory_.Path() +
+                         ": free some space there or give another with --work-dir";
+        }
         file.input = pending.plan.input;
         Report(file, FileJsonLine(file, run_), FileReport(file, run_));
         KeepLog(directory);

@@ -64,7 +64,10 @@ int RunWorker(const CliOptions& options) {
         ReportRun reports(options.report, options.contactSheet, size_t(options.workerCount));
         reports.AfterFile(file, run, (directory / kRecordFile).u8string(), size_t(options.workerIndex));
     }
-    WriteText(directory / kReportFile, FileReport(file, run));
-    WriteText(directory / kResultFile, FileJsonLine(file, run) + "\n");
+    // A work folder that takes nothing more (a full disk) cannot hold the result
+    // either: the tool hears of it by the exit code.
+    if (!WriteText(directory / kReportFile, FileReport(file, run)) ||
+        !WriteText(directory / kResultFile, FileJsonLine(file, run) + "\n"))
+        return exit_codes::kWorkFolderFull;
     return file.exitCode;
 }
