@@ -48,10 +48,19 @@ struct ToolRun {
 // The program with the shim preloaded and the faults in its environment.
 ToolRun RunTool(const std::vector<std::string>& args, const Faults& faults) {
     std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
+    std::string sanitizer;  // a sanitizer's options the suite runs with, kept
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string entry = *e;
+        if (!faults.empty() && entry.rfind("ASAN_OPTIONS=", 0) == 0) {
+            sanitizer = entry.substr(sizeof "ASAN_OPTIONS=" - 1) + ":";
+            continue;
+        }
+        env.push_back(entry);
+    }
     if (!faults.empty()) {
         env.push_back(std::string("LD_PRELOAD=") + VR_TEST_FAULT_SHIM);
-        env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");  // the shim comes before a sanitizer's runtime
+        // The shim comes before a sanitizer's runtime in the list of libraries.
+        env.push_back("ASAN_OPTIONS=" + sanitizer + "verify_asan_link_order=0");
         for (const auto& [name, value] : faults) env.push_back(name + "=" + value);
     }
     std::vector<char*> envp, argv;

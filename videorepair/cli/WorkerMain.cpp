@@ -18,7 +18,8 @@ namespace fs = std::filesystem;
 bool WriteText(const fs::path& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
-    return static_cast<bool>(out);
+    out.close();  // a full disk shows only when the buffer is written out
+    return !out.fail();
 }
 
 }  // namespace
