@@ -48,8 +48,11 @@ ASAN_BUILD_DIR ?= build-asan
 TSAN_BUILD_DIR ?= build-tsan
 FUZZ_BUILD_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 60
-# The tests that run threads against each other: pause/resume/cancel, the manager, logs, signals.
-TSAN_TESTS ?= Pause|Resume|Cancel|Stop|Thread|Concurren|Manager|CarvingControl|CliSignals|EngineBase
+# The tests that run threads against each other: pause/resume/cancel, the manager, logs.
+# The tool's Ctrl-C tests stay out: ThreadSanitizer holds a signal back until the
+# thread that gets it leaves a blocking call, so what they time never happens there.
+TSAN_TESTS ?= Pause|Resume|Cancel|Stop|Thread|Concurren|Manager|CarvingControl|EngineBase
+TSAN_SKIP ?= CliSignals|CtrlC
 SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:check_initialization_order=1:detect_stack_use_after_return=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp \
@@ -63,7 +66,7 @@ test-asan: deps
 test-tsan: deps
 	@cmake -S . -B $(TSAN_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVR_SANITIZE=thread >/dev/null
 	@cmake --build $(TSAN_BUILD_DIR) -j $(JOBS)
-	@cd $(TSAN_BUILD_DIR) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)'
+	@cd $(TSAN_BUILD_DIR) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) --timeout 900 -R '$(TSAN_TESTS)' -E '$(TSAN_SKIP)'
 
 fuzz: deps
 	@bash scripts/install-fuzz-deps.sh
