@@ -75,7 +75,8 @@ duration_of() {  # the container's own duration claim, in seconds
 result_of() {  # videorepair's exit code in words
   case "$1" in
     0) echo "repaired" ;; 1) echo "failed" ;; 3) echo "no engine yet" ;; 4) echo "missing file" ;;
-    5) echo "no ffmpeg" ;; 6) echo "save failed" ;; 7) echo "cancelled" ;; *) echo "error $1" ;;
+    5) echo "no ffmpeg" ;; 6) echo "save failed" ;; 7) echo "cancelled" ;; 9) echo "unplayable" ;;
+    10) echo "result exists" ;; 11) echo "partly read" ;; *) echo "error $1" ;;
   esac
 }
 
@@ -107,7 +108,7 @@ demo_row() {
   cp "$source" "$damaged"
   $damage_cmd "$damaged"
 
-  local args=("$method" "$damaged" -o "$repaired" --quiet --work-dir "$work/vr")
+  local args=("$method" "$damaged" -o "$repaired" -y --quiet --work-dir "$work/vr" --log-dir "$work/vr")
   [ "$method" = repair ] && args+=(--sample "$sample")
   echo "\$ videorepair ${args[*]}"
   local code=0
