@@ -153,14 +153,9 @@ Candidate ThoroughRepair::Rebuild(const SampleModel& sample, AsIsCounter& counte
         asIsCounted = remux;  // the file does not open as it is either
         return candidate;
     }
-    PassSettings settings{job_.fullDecodeCheck, true, size_, plan_.rebuild};
     candidate.path = TemporaryPath();
-    candidate.record = std::make_shared<RepairRecord>();
-    settings.record = candidate.record.get();
-    PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
-    judgeSeconds_ += result.judgeSeconds;
-    candidate.count = result.kept;
-    candidate.usable = result.written;
+    PassResult result =
+        RunPass(sample, input, PassSettings{job_.fullDecodeCheck, true, size_, plan_.rebuild}, true, candidate);
     // Where the cleaning changed nothing, what was read is the file as it is, and
     // a second pass over it would only count the same packets again.
     if (!input.ReadOtherThanFile() && !result.stopped) {
@@ -240,11 +235,11 @@ Candidate ThoroughRepair::Remux(const SampleModel& sample, const std::wstring& s
     return Write(sample, input, size, progress, false);
 }
 
-Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
-                                bool fromDamagedFile) {
-    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false, nullptr};
-    PassSettings settings{job_.fullDecodeCheck, false, size, progress};
-    if (fromDamagedFile) {
+// One pass into candidate.path; recorded: the pass notes which bytes of the
+// damaged file it used (only passes that read the damaged file itself).
+PassResult ThoroughRepair::RunPass(const SampleModel& sample, PacketSource& input, PassSettings settings,
+                                   bool recorded, Candidate& candidate) {
+    if (recorded) {
         candidate.record = std::make_shared<RepairRecord>();
         settings.record = candidate.record.get();
     }
@@ -252,6 +247,14 @@ Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, 
     judgeSeconds_ += result.judgeSeconds;
     candidate.count = result.kept;
     candidate.usable = result.written;
+    return result;
+}
+
+Candidate ThoroughRepair::Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
+                                bool fromDamagedFile) {
+    Candidate candidate{kVerdictRebuilt, TemporaryPath(), {}, false, nullptr};
+    PassResult result = RunPass(sample, input, PassSettings{job_.fullDecodeCheck, false, size, progress},
+                                fromDamagedFile, candidate);
     for (const std::string& refused : result.refused) Log(kLogWarning, "[Thorough] the muxer cannot carry", refused);
     if (!result.written) Log(kLogWarning, "[Thorough] writing a carved candidate failed:", result.error);
     return candidate;

@@ -21,6 +21,7 @@
 namespace thorough {
 
 struct PassResult;
+struct PassSettings;
 
 struct ThoroughJob {
     std::wstring damagedPath;
@@ -68,6 +69,8 @@ private:
     void NoteAsIsFormat(const Demuxer& input);
     Candidate Remux(const SampleModel& sample, const std::wstring& source, ProgressRange progress);
     // fromDamagedFile: the input's places are in the damaged file, so the pass records them.
+    PassResult RunPass(const SampleModel& sample, PacketSource& input, PassSettings settings, bool recorded,
+                       Candidate& candidate);
     Candidate Write(const SampleModel& sample, PacketSource& input, int64_t size, ProgressRange progress,
                     bool fromDamagedFile);
     void RecordWhatWasKept(const Candidate& best);
