@@ -48,7 +48,7 @@ AsIsCounter::Result AsIsCounter::CountWith(RepairControl& control, ProgressRange
         PassSettings settings{fullDecodeCheck_, true, totalBytes, progress};
         PassResult pass = RemuxPass(sample_, control).Run(input, std::wstring(), MuxerChoice(), settings);
         result.complete = !pass.stopped;
-        if (result.complete) result.count = pass.read;
+        if (result.complete) result.count = pass.read, result.remuxBound = pass.keptBound;
     } else {
         result.complete = true;  // nothing to count: the file does not open as it is
     }

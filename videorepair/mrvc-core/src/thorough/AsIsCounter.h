@@ -21,6 +21,8 @@ public:
         ThoroughMediaCount count{};
         std::string format;     // the demuxer that read the file; empty when none did
         bool complete = false;  // read to its end (not stopped or abandoned)
+        // The most that a remux of the file as it is could hold.
+        ThoroughMediaCount remuxBound{};
     };
 
     AsIsCounter(const std::wstring& path, const SampleModel& sample, RepairControl& control, bool fullDecodeCheck)

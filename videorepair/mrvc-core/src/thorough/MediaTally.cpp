@@ -70,7 +70,11 @@ double MediaTally::VideoShare() const {
     return main == nullptr ? 0.0 : main->check ? main->check->GoodShare() : assumedShare_;
 }
 
-ThoroughMediaCount MediaTally::Result() const {
+ThoroughMediaCount MediaTally::Result() const { return ResultAt(VideoShare()); }
+
+ThoroughMediaCount MediaTally::Bound() const { return ResultAt(1.0); }
+
+ThoroughMediaCount MediaTally::ResultAt(double good) const {
     ThoroughMediaCount count{};
     for (const Stream& s : streams_) {
         if (s.type != AVMEDIA_TYPE_AUDIO) continue;
@@ -78,7 +82,6 @@ ThoroughMediaCount MediaTally::Result() const {
         count.audioSeconds = std::max(count.audioSeconds, SecondsOf(s));
     }
     if (const Stream* main = MainVideo()) {
-        double good = VideoShare();
         count.videoFrames = int64_t(double(main->packets) * good + 0.5);
         count.videoSeconds = SecondsOf(*main) * good;
     }

@@ -27,6 +27,9 @@ public:
 
     // The main video stream (most frames) and all audio.
     ThoroughMediaCount Result() const;
+    // As if every video frame after a key frame decoded: the most that the same
+    // packets could score in any file.
+    ThoroughMediaCount Bound() const;
     // The share of the main video stream's packets that decode.
     double VideoShare() const;
 
@@ -43,6 +46,7 @@ private:
     };
     double SecondsOf(const Stream& s) const;
     const Stream* MainVideo() const;
+    ThoroughMediaCount ResultAt(double videoShare) const;
 
     std::vector<Stream> streams_;
     double assumedShare_ = 1.0;

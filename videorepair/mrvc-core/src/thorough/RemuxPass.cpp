@@ -32,7 +32,9 @@ struct PassStreams {
 void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, const PassSettings& settings,
            std::vector<std::string>& refused) {
     using Decode = MediaTally::Decode;
-    const Decode decode = settings.fullDecodeCheck ? Decode::kEveryPacket : Decode::kWindows;
+    const Decode decode = !settings.decode            ? Decode::kNone
+                          : settings.fullDecodeCheck ? Decode::kEveryPacket
+                                                     : Decode::kWindows;
     streams.restorer.Prepare(input);
     for (unsigned i = 0; i < input.StreamCount(); ++i) {
         const AVCodecParameters* restored = streams.restorer.Parameters(i);
@@ -112,6 +114,7 @@ PassResult RemuxPass::Run(PacketSource& input, const std::wstring& outputPath, c
     streams.kept.Finish();
     result.judgeSeconds += SecondsSince(judging);
     result.kept = streams.kept.Result();
+    result.keptBound = streams.kept.Bound();
     // Packets that needed their decoder configuration put back did not decode as
     // they were read.
     streams.read.AssumeShare(streams.restorer.Restorations().empty() ? streams.kept.VideoShare() : 0.0);

@@ -21,6 +21,7 @@ struct PassResult {
     bool stopped = false;          // the host asked to stop during the pass
     ThoroughMediaCount read{};     // what the demuxer gave, as it was
     ThoroughMediaCount kept{};     // what was written
+    ThoroughMediaCount keptBound{};  // the same as if every frame decoded
     double judgeSeconds = 0;
     std::vector<std::string> restorations;
     std::vector<std::string> refused;  // streams the muxer cannot carry, left out
@@ -35,6 +36,9 @@ struct PassSettings {
     // Where the pass notes which bytes of the damaged file it used; null: it reads
     // another file (the carving repair's), whose places say nothing of the damaged one.
     RepairRecord* record = nullptr;
+    // false: nothing is decoded and every packet after a key frame counts as
+    // good, which bounds from above what a written pass of the same packets holds.
+    bool decode = true;
 };
 
 class RemuxPass {

@@ -61,6 +61,13 @@ bool CopyWhole(const std::wstring& from, const std::wstring& to, std::string& wh
     return written;
 }
 
+Candidate BestOf(const Candidate& asIs, const std::vector<Candidate>& candidates) {
+    Candidate best = asIs;
+    for (const Candidate& c : candidates)
+        if (Better(c, best)) best = c;
+    return best;
+}
+
 }  // namespace
 
 int ThoroughRepair::Run(ThoroughOutcome& outcome) {
@@ -80,24 +87,22 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     if (!Readable()) return -1;
     record_.SetFileSize(size_);
     bool carving = static_cast<bool>(job_.carvingRepair);
-    plan_ = Plan{{2, 40}, {40, 55}, {55, 75}, {75, 88}, {88, 97}};
     strategy_ = StrategyFor(job_.formatName);
+    const bool carverLeads = strategy_->CarverLeads();
+    plan_ = carverLeads ? Plan{{60, 75}, {2, 25}, {25, 60}, {75, 88}, {88, 97}}
+                        : Plan{{2, 40}, {40, 55}, {55, 75}, {75, 88}, {88, 97}};
     SampleModel sample;
     if (sample.Load(job_.samplePath)) Log(kLogInfo, "[Thorough] sample streams:", std::to_string(sample.Streams().size()));
     control_.Progress(plan_.rebuild.from);
 
     Candidate asIs{kVerdictAsIs, std::wstring(), {}, true, std::make_shared<RepairRecord>()};
     asIs.record->AddRange(0, size_, RangeKind::kRecovered);
-    bool asIsCounted = false;
     AsIsCounter counter(job_.damagedPath, sample, control_, job_.fullDecodeCheck);
-    std::vector<Candidate> candidates{Rebuild(sample, counter, asIs, asIsCounted)};
-    if (!asIsCounted) TakeAsIsCount(counter, asIs);
-    if (!control_.ShouldStop()) candidates.push_back(FromCarver(sample, asIs));
+    std::vector<Candidate> candidates =
+        carverLeads ? CarverFirst(sample, counter, asIs) : RebuildFirst(sample, counter, asIs);
     if (carving && CarvingMayHelp(asIs) && !control_.ShouldStop()) candidates.push_back(FromCarvingRepair(sample));
 
-    Candidate best = asIs;
-    for (const Candidate& c : candidates)
-        if (Better(c, best)) best = c;
+    Candidate best = BestOf(asIs, candidates);
     Explain(best, asIs, outcome);
     if (ScoreOf(best.count) <= 0) {
         RemoveTemporaries(std::wstring());
@@ -114,6 +119,34 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     RecordWhatWasKept(best);
     control_.Progress(100);
     return 0;
+}
+
+std::vector<Candidate> ThoroughRepair::RebuildFirst(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs) {
+    bool asIsCounted = false;
+    std::vector<Candidate> candidates{Rebuild(sample, counter, asIs, asIsCounted)};
+    if (!asIsCounted) TakeAsIsCount(counter, asIs);
+    if (!control_.ShouldStop()) candidates.push_back(FromCarver(sample, asIs, BestOf(asIs, candidates)));
+    return candidates;
+}
+
+// The file as it is is counted first and the carver's file written; a remux of
+// the file as it is follows unless its packets, all taken as good, fall short of
+// what the carver kept. On a tie the remux goes first and so wins: it also
+// keeps what no carver looks for (subtitles, chapters, tags).
+std::vector<Candidate> ThoroughRepair::CarverFirst(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs) {
+    std::vector<Candidate> candidates;
+    ThoroughMediaCount remuxBound = TakeAsIsCount(counter, asIs);
+    if (control_.ShouldStop()) return candidates;
+    candidates.push_back(FromCarver(sample, asIs, Candidate{}));
+    if (control_.ShouldStop()) return candidates;
+    const Candidate& carved = candidates.front();
+    if (carved.usable && ScoreOf(remuxBound) < ScoreOf(carved.count)) {
+        Log(kLogInfo, "[Thorough] a remux would hold less than the carver's file:", CountText(remuxBound));
+        return candidates;
+    }
+    bool asIsCounted = true;
+    candidates.insert(candidates.begin(), Rebuild(sample, counter, asIs, asIsCounted));
+    return candidates;
 }
 
 bool ThoroughRepair::Readable() {
@@ -182,8 +215,11 @@ void ThoroughRepair::NoteRebuild(const Demuxer& input, const PassResult& result)
 // Once the host asked to stop, what the rebuild found is kept, quickly: a count
 // of the damaged file (stopped half way, or done) would only pick a copy of the
 // whole file, which the host did not wait for.
-void ThoroughRepair::TakeAsIsCount(AsIsCounter& counter, Candidate& asIs) {
-    if (control_.ShouldStop()) return counter.Abandon();
+ThoroughMediaCount ThoroughRepair::TakeAsIsCount(AsIsCounter& counter, Candidate& asIs) {
+    if (control_.ShouldStop()) {
+        counter.Abandon();
+        return {};
+    }
     // What the count costs the repair: all of it in the foreground, only the wait
     // for it when it ran beside the rebuild.
     auto waited = std::chrono::steady_clock::now();
@@ -191,6 +227,7 @@ void ThoroughRepair::TakeAsIsCount(AsIsCounter& counter, Candidate& asIs) {
     judgeSeconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - waited).count();
     asIsReadsOwnFormat_ = result.format == DemuxerFor(job_.formatName);
     if (result.complete && !control_.ShouldStop()) asIs.count = result.count;
+    return result.remuxBound;
 }
 
 void ThoroughRepair::NoteAsIsFormat(const Demuxer& input) {
@@ -204,15 +241,37 @@ bool ThoroughRepair::CarvingMayHelp(const Candidate& asIs) const {
     return !asIsReadsOwnFormat_ || asIs.count.videoFrames == 0;
 }
 
-Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate& asIs) {
+Candidate ThoroughRepair::FromCarver(const SampleModel& sample, const Candidate& asIs, const Candidate& best) {
+    const Candidate none{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
     // A carver that walks the file first has the first half of the pass's bar.
     const int middle = (plan_.carver.from + plan_.carver.to) / 2;
     CarveContext context{asIsReadsOwnFormat_, asIs.count, &control_, {plan_.carver.from, middle}};
     std::unique_ptr<PacketSource> carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
-    if (!carved) return Candidate{kVerdictRebuilt, std::wstring(), {}, false, nullptr};
+    if (!carved) return none;
+    // Where something already plays, the carver's file is written only when what
+    // it carved could beat it: writing a second copy of a large file costs more
+    // than walking it twice.
+    if (ScoreOf(best.count) > 0) {
+        if (!CouldBeat(sample, *carved, best, {plan_.carver.from, middle})) return none;
+        carved = strategy_->Carve(job_.damagedPath, sample, context, control_.Log());
+        if (!carved) return none;
+    }
     Candidate candidate = Write(sample, *carved, size_, {middle, plan_.carver.to}, true);
     if (carved->Skipped() > 0) Log(kLogInfo, "[Thorough] carver skipped bytes:", std::to_string(carved->Skipped()));
     return candidate;
+}
+
+// Counts the carved packets without writing or decoding them: every frame after a
+// key frame taken as good, the most a written file of them could score.
+bool ThoroughRepair::CouldBeat(const SampleModel& sample, PacketSource& carved, const Candidate& best,
+                               ProgressRange progress) {
+    PassSettings settings{job_.fullDecodeCheck, false, size_, progress};
+    settings.decode = false;
+    PassResult counted = RemuxPass(sample, control_).Run(carved, std::wstring(), muxer_, settings);
+    Candidate bound{kVerdictRebuilt, std::wstring(), counted.kept, true, nullptr};
+    bool could = !counted.stopped && Better(bound, best);
+    if (!could) Log(kLogInfo, "[Thorough] the carver found no more than what plays already:", CountText(counted.kept));
+    return could;
 }
 
 Candidate ThoroughRepair::FromCarvingRepair(const SampleModel& sample) {
@@ -245,6 +304,8 @@ PassResult ThoroughRepair::RunPass(const SampleModel& sample, PacketSource& inpu
     }
     PassResult result = RemuxPass(sample, control_).Run(input, candidate.path, muxer_, settings);
     judgeSeconds_ += result.judgeSeconds;
+    Log(kLogInfo, recorded ? "[Thorough] written from the damaged file:" : "[Thorough] written from the carving repair:",
+        CountText(result.kept));
     candidate.count = result.kept;
     candidate.usable = result.written;
     return result;

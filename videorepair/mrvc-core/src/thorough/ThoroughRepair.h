@@ -61,9 +61,12 @@ private:
     bool Readable();
     std::wstring TemporaryPath();
     Candidate Rebuild(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs, bool& asIsCounted);
-    void TakeAsIsCount(AsIsCounter& counter, Candidate& asIs);
+    std::vector<Candidate> RebuildFirst(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs);
+    std::vector<Candidate> CarverFirst(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs);
+    ThoroughMediaCount TakeAsIsCount(AsIsCounter& counter, Candidate& asIs);
     void NoteRebuild(const Demuxer& input, const PassResult& result);
-    Candidate FromCarver(const SampleModel& sample, const Candidate& asIs);
+    Candidate FromCarver(const SampleModel& sample, const Candidate& asIs, const Candidate& best);
+    bool CouldBeat(const SampleModel& sample, PacketSource& carved, const Candidate& best, ProgressRange progress);
     Candidate FromCarvingRepair(const SampleModel& sample);
     bool CarvingMayHelp(const Candidate& asIs) const;
     void NoteAsIsFormat(const Demuxer& input);

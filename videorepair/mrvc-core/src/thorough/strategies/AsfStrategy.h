@@ -16,6 +16,8 @@ class AsfStrategy : public ContainerStrategy {
 public:
     const char* Name() const override { return "wmv"; }
     MuxerChoice Muxer() const override { return MuxerChoice{"asf", {}}; }
+    // The assembler keeps media objects whose packets libavformat's demuxer drops.
+    bool CarverLeads() const override { return true; }
     std::unique_ptr<PacketSource> Carve(const std::wstring& damagedPath, const SampleModel& sample,
                                         const CarveContext& context, RepairLog* log) override;
 };

@@ -31,7 +31,10 @@ public:
     const char* Name() const override { return name_.c_str(); }
     std::unique_ptr<PacketSource> Carve(const std::wstring& damagedPath, const SampleModel& sample,
                                         const CarveContext& context, RepairLog* log) override;
-    MuxerChoice Muxer() const override { return MuxerChoice{MuxerFor(name_), {}}; }
+    // Matroska's CRC-32 elements are optional; computing them costs a fifth of the writing.
+    MuxerChoice Muxer() const override { return MuxerChoice{MuxerFor(name_), {{"write_crc32", "0"}}}; }
+    // libavformat's demuxer gives up the rest of a cluster at a damaged block.
+    bool CarverLeads() const override { return true; }
 
 private:
     std::string name_;

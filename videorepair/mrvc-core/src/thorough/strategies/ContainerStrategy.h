@@ -58,6 +58,11 @@ public:
         return nullptr;
     }
 
+    // true: the carver usually keeps more than the container's demuxer, so its
+    // file is written first and a remux only where the file as it is could hold
+    // more. Only for strategies that do not clean the file.
+    virtual bool CarverLeads() const { return false; }
+
     // What the strategy found worth telling the host (why it could not carve, or
     // that the sample does not fit the damaged file); empty when nothing.
     virtual std::string Remark() const { return std::string(); }
