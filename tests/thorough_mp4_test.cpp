@@ -555,16 +555,59 @@ TEST(Mp4IndexKeptTest, CutDataZeroedHeadsAndFragments) {
         EXPECT_GE(CountBitExactFrames(run.repairedPath, healthy), int(0.95 * frames)) << c.name;
         // Behind a hole, pictures that lost their references still decode; a cut
         // leaves none such.
-        if (c.zeroed.end == 0)
+        if (c.zeroed.end == 0) {
             EXPECT_EQ(testing_support::CountDecodedVideoFrames(run.repairedPath),
                       CountBitExactFrames(run.repairedPath, healthy))
                 << c.name << ": a frame that is not whole was kept";
+        }
         EXPECT_NE(reason.find(c.said), std::string::npos) << reason;
     }
 }
 
 // A sound recording (M4A) that stopped before its index: its AAC frames are
 // cut one after another, over noise too, and none is lost but what was hit.
+// The rotation a stream is to be shown with, as ffprobe reads it; empty: none.
+std::string Rotation(const std::string& path) {
+    std::string out;
+    testing_support::RunProgram({VR_TEST_FFPROBE, "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                 "stream_side_data=rotation", "-of", "csv=p=0", path},
+                                &out);
+    return out.substr(0, out.find_first_of("\r\n"));
+}
+
+// A phone held upright records its pictures sideways and says so in the track
+// header; the repaired file says so too, whether its index was lost (the
+// sample's is taken) or kept in front of data that was cut (the file's own).
+TEST(Mp4RotationTest, UprightRecordingsStayUpright) {
+    const Recorder& phone = Recorders().front();
+    TempDir dir("mp4rotation");
+    auto turn = [&](bool sample, bool indexInFront) {
+        std::string path = dir.file(std::string(sample ? "sample" : "healthy") + (indexInFront ? "_front" : "") + ".mp4");
+        std::vector<std::string> args = {testing_support::BinDir() + "/ffmpeg", "-v", "error", "-y", "-i",
+                                         Make(phone, sample), "-c", "copy", "-metadata:s:v:0", "rotate=90"};
+        if (indexInFront) args.insert(args.end(), {"-movflags", "+faststart"});
+        args.push_back(path);
+        return testing_support::RunProgram(args) == 0 ? path : std::string();
+    };
+    const std::string sample = turn(true, false), atEnd = turn(false, false), inFront = turn(false, true);
+    ASSERT_FALSE(sample.empty() || atEnd.empty() || inFront.empty());
+    const std::string rotation = Rotation(atEnd);
+    ASSERT_FALSE(rotation.empty());
+    const std::string unfinished = ReadFile(atEnd), cut = ReadFile(inFront);
+    const struct {
+        const char* name;
+        std::string bytes;
+    } cases[] = {{"index lost", unfinished.substr(0, size_t(IndexAt(unfinished)))},
+                 {"index kept, data cut", cut.substr(0, cut.size() * 7 / 10)}};
+    for (const auto& c : cases) {
+        std::string damaged = dir.file(std::string(c.name) + ".mp4");
+        WriteFile(damaged, c.bytes);
+        const auto [run, reason] = RepairThoroughly(damaged, sample, dir);
+        ASSERT_EQ(run.result, 0) << c.name << ": " << reason;
+        EXPECT_EQ(Rotation(run.repairedPath), rotation) << c.name << ": " << reason;
+    }
+}
+
 TEST(Mp4AudioOnlyTest, AnUnfinishedSoundRecordingComesBack) {
     auto make = [](bool sample) {
         return testing_support::GeneratedMedia(

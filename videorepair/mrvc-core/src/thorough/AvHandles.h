@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include <memory>
+#include <string>
 
 namespace thorough {
 
@@ -36,6 +37,14 @@ using ParametersPtr = std::unique_ptr<AVCodecParameters, ParametersFreer>;
 
 inline PacketPtr NewPacket() { return PacketPtr(av_packet_alloc()); }
 inline FramePtr NewFrame() { return FramePtr(av_frame_alloc()); }
+
+// A stream's display matrix (AV_PKT_DATA_DISPLAYMATRIX, nine 32-bit values);
+// empty when it has none.
+inline std::string DisplayMatrixOf(const AVStream* stream) {
+    size_t size = 0;
+    const uint8_t* data = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+    return data != nullptr && size == 36 ? std::string(reinterpret_cast<const char*>(data), size) : std::string();
+}
 
 inline ParametersPtr CopyParameters(const AVCodecParameters* from) {
     ParametersPtr copy(avcodec_parameters_alloc());

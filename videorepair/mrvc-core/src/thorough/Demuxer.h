@@ -39,6 +39,7 @@ public:
     const AVCodecParameters* Parameters(unsigned stream) const override { return Stream(stream)->codecpar; }
     AVRational TimeBase(unsigned stream) const override { return Stream(stream)->time_base; }
     AVRational FrameRate(unsigned stream) const override;
+    std::string DisplayMatrix(unsigned stream) const override { return DisplayMatrixOf(Stream(stream)); }
     // The next packet; false at the end or on an error that ends reading.
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override;

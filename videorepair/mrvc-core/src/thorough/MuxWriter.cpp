@@ -1,6 +1,7 @@
 #include "thorough/MuxWriter.h"
 
 #include <algorithm>
+#include <cstring>
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -29,7 +30,8 @@ bool MuxWriter::Open(const std::wstring& path, const MuxerChoice& muxer) {
     return true;
 }
 
-int MuxWriter::AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate) {
+int MuxWriter::AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate,
+                         const std::string& displayMatrix) {
     if (output_ == nullptr || started_ || parameters == nullptr) return -1;
     AVMediaType type = parameters->codec_type;
     if (type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO && type != AVMEDIA_TYPE_SUBTITLE) return -1;
@@ -44,6 +46,11 @@ int MuxWriter::AddStream(const AVCodecParameters* parameters, AVRational timeBas
     if (output_->oformat->codec_tag == nullptr) stream->codecpar->codec_tag = 0;
     stream->time_base = timeBase;
     if (frameRate.num > 0) stream->avg_frame_rate = stream->r_frame_rate = frameRate;
+    // MP4 and MOV write it into the track header; a phone's upright recording stays upright.
+    if (!displayMatrix.empty()) {
+        uint8_t* side = av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, displayMatrix.size());
+        if (side != nullptr) std::memcpy(side, displayMatrix.data(), displayMatrix.size());
+    }
     clocks_.emplace_back();
     return int(output_->nb_streams) - 1;
 }

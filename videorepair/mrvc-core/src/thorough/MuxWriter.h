@@ -23,7 +23,9 @@ public:
     bool Open(const std::wstring& path, const MuxerChoice& muxer);
 
     // An output stream for these parameters; -1 when the muxer cannot carry it.
-    int AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate);
+    // displayMatrix: how to turn the picture (see PacketSource), empty for none.
+    int AddStream(const AVCodecParameters* parameters, AVRational timeBase, AVRational frameRate,
+                  const std::string& displayMatrix = std::string());
 
     // Writes one packet (timestamps in inputTimeBase) to output stream index.
     bool Write(AVPacket* packet, int index, AVRational inputTimeBase);

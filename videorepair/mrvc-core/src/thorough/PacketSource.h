@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "thorough/AvHandles.h"
@@ -23,6 +24,12 @@ public:
     virtual AVRational TimeBase(unsigned stream) const = 0;
     // Frames per second where known, else {0, 1}.
     virtual AVRational FrameRate(unsigned stream) const = 0;
+    // How the picture is to be turned for display (the 3x3 display matrix that
+    // phones record upright pictures with); empty when it is shown as stored.
+    virtual std::string DisplayMatrix(unsigned stream) const {
+        (void)stream;
+        return std::string();
+    }
 
     // The next packet (its stream_index set); false at the end.
     virtual bool Next(AVPacket* packet) = 0;

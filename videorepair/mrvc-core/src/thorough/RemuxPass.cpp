@@ -41,7 +41,7 @@ void SetUp(PassStreams& streams, const PacketSource& input, MuxWriter* writer, c
         AVRational rate = streams.restorer.FrameRate(i), base = input.TimeBase(i);
         streams.read.AddStream(settings.countRead ? input.Parameters(i) : nullptr, base, rate,
                                writer != nullptr ? Decode::kNone : decode);
-        int index = writer != nullptr ? writer->AddStream(restored, base, rate) : -1;
+        int index = writer != nullptr ? writer->AddStream(restored, base, rate, input.DisplayMatrix(i)) : -1;
         if (writer != nullptr && index < 0 && restored != nullptr)
             refused.push_back("stream " + std::to_string(i) + " (" + avcodec_get_name(restored->codec_id) + ")");
         streams.outputIndex.push_back(index);

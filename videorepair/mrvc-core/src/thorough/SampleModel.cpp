@@ -30,6 +30,7 @@ bool SampleModel::Load(const std::wstring& path) {
         learnt.id = stream->id;
         learnt.parameters = CopyParameters(stream->codecpar);
         learnt.timeBase = stream->time_base;
+        learnt.displayMatrix = DisplayMatrixOf(stream);
         learnt.frameRate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
         const AVCodecParameters* p = stream->codecpar;
         learnt.inBandHeader = AnnexBFromConfigurationRecord(p->codec_id, p->extradata, size_t(p->extradata_size));

@@ -17,6 +17,7 @@ struct SampleStream {
     AVRational timeBase{0, 1};
     AVRational frameRate{0, 1};
     std::string inBandHeader;  // Annex B parameter sets or sequence header, with start codes
+    std::string displayMatrix;  // empty: shown as stored
 };
 
 class SampleModel {

@@ -89,7 +89,7 @@ int ThoroughRepair::RunPasses(ThoroughOutcome& outcome) {
     bool carving = static_cast<bool>(job_.carvingRepair);
     strategy_ = StrategyFor(job_.formatName);
     const bool carverLeads = strategy_->CarverLeads();
-    plan_ = carverLeads ? Plan{{60, 75}, {2, 25}, {25, 60}, {75, 88}, {88, 97}}
+    plan_ = carverLeads ? Plan{{75, 88}, {2, 2}, {2, 75}, {88, 92}, {92, 97}}
                         : Plan{{2, 40}, {40, 55}, {55, 75}, {75, 88}, {88, 97}};
     SampleModel sample;
     if (sample.Load(job_.samplePath)) Log(kLogInfo, "[Thorough] sample streams:", std::to_string(sample.Streams().size()));
@@ -129,17 +129,23 @@ std::vector<Candidate> ThoroughRepair::RebuildFirst(const SampleModel& sample, A
     return candidates;
 }
 
-// The file as it is is counted first and the carver's file written; a remux of
-// the file as it is follows unless its packets, all taken as good, fall short of
-// what the carver kept. On a tie the remux goes first and so wins: it also
-// keeps what no carver looks for (subtitles, chapters, tags).
+// The carver's file is written while the file as it is is counted beside it
+// (the carver does not wait for that count); a remux of the file as it is
+// follows unless its packets, all taken as good, fall short of what the carver
+// kept. On a tie the remux goes first and so wins: it also keeps what no carver
+// looks for (subtitles, chapters, tags).
 std::vector<Candidate> ThoroughRepair::CarverFirst(const SampleModel& sample, AsIsCounter& counter, Candidate& asIs) {
     std::vector<Candidate> candidates;
+    muxer_ = strategy_->Muxer();
+    counter.Start();
+    candidates.push_back(FromCarver(sample, asIs, Candidate{}));
     ThoroughMediaCount remuxBound = TakeAsIsCount(counter, asIs);
     if (control_.ShouldStop()) return candidates;
-    candidates.push_back(FromCarver(sample, asIs, Candidate{}));
-    if (control_.ShouldStop()) return candidates;
-    const Candidate& carved = candidates.front();
+    Candidate& carved = candidates.front();
+    if (carved.usable && !strategy_->CarvedAdds(carved.count, CarveContext{asIsReadsOwnFormat_, asIs.count, nullptr, {}})) {
+        Log(kLogInfo, "[Thorough] the carver's file adds nothing to the file as it is:", CountText(carved.count));
+        carved.usable = false;
+    }
     if (carved.usable && ScoreOf(remuxBound) < ScoreOf(carved.count)) {
         Log(kLogInfo, "[Thorough] a remux would hold less than the carver's file:", CountText(remuxBound));
         return candidates;

@@ -18,6 +18,7 @@ struct CarvedTrack {
     ParametersPtr parameters;
     AVRational timeBase{1, 90000};
     AVRational frameRate{0, 1};
+    std::string displayMatrix;
 };
 
 class CarvedPackets : public PacketSource {
@@ -35,6 +36,7 @@ public:
     const AVCodecParameters* Parameters(unsigned stream) const override { return Track(stream).parameters.get(); }
     AVRational TimeBase(unsigned stream) const override { return Track(stream).timeBase; }
     AVRational FrameRate(unsigned stream) const override { return Track(stream).frameRate; }
+    std::string DisplayMatrix(unsigned stream) const override { return Track(stream).displayMatrix; }
     bool Next(AVPacket* packet) override;
     int64_t Consumed() const override { return consumed_; }
     int64_t Skipped() const override { return skipped_; }

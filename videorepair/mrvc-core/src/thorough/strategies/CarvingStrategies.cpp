@@ -42,4 +42,11 @@ std::unique_ptr<PacketSource> MkvStrategy::Carve(const std::wstring& damagedPath
     return IfItAdds(MkvBlockCarver(sample).Carve(damagedPath), context);
 }
 
+// The remux keeps what the carver does not look for (subtitles, chapters, tags):
+// where the file's own demuxer reads it, the carved file is judged only when it
+// holds more pictures.
+bool MkvStrategy::CarvedAdds(const ThoroughMediaCount& carved, const CarveContext& context) const {
+    return !context.ownDemuxerReadsFile || carved.videoFrames > context.asIs.videoFrames;
+}
+
 }  // namespace thorough

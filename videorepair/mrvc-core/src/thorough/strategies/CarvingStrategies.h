@@ -35,6 +35,7 @@ public:
     MuxerChoice Muxer() const override { return MuxerChoice{MuxerFor(name_), {{"write_crc32", "0"}}}; }
     // libavformat's demuxer gives up the rest of a cluster at a damaged block.
     bool CarverLeads() const override { return true; }
+    bool CarvedAdds(const ThoroughMediaCount& carved, const CarveContext& context) const override;
 
 private:
     std::string name_;

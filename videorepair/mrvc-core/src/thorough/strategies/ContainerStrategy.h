@@ -59,9 +59,16 @@ public:
     }
 
     // true: the carver usually keeps more than the container's demuxer, so its
-    // file is written first and a remux only where the file as it is could hold
-    // more. Only for strategies that do not clean the file.
+    // file is written first (while the file as it is is counted: its context
+    // tells nothing of that count) and a remux only where the file as it is could
+    // hold more. Only for strategies that do not clean the file.
     virtual bool CarverLeads() const { return false; }
+    // For a carver that leads: whether what its file holds is worth judging
+    // beside the file as it is, which context now tells.
+    virtual bool CarvedAdds(const ThoroughMediaCount& carved, const CarveContext& context) const {
+        (void)carved, (void)context;
+        return true;
+    }
 
     // What the strategy found worth telling the host (why it could not carve, or
     // that the sample does not fit the damaged file); empty when nothing.

@@ -35,6 +35,7 @@ CarvedTrack TrackOf(const SampleModel& sample, int index) {
     track.parameters = CopyParameters(s.parameters.get());
     track.timeBase = s.timeBase;
     track.frameRate = s.frameRate;
+    track.displayMatrix = s.displayMatrix;
     return track;
 }
 
