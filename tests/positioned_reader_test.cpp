@@ -7,10 +7,12 @@
 #include <fstream>
 #include <random>
 
+#include "io/FileReader.h"
 #include "io/PositionedReader.h"
 #include "support/TestSupport.h"
 
 using testing_support::TempDir;
+using testing_support::Wide;
 
 namespace {
 
@@ -118,4 +120,53 @@ TEST(PositionedReader, EmptyAndMissingFiles) {
     EXPECT_EQ(reader.Remaining(), 0);
     EXPECT_FALSE(reader.Open(dir.wfile("missing.bin")));
     EXPECT_FALSE(reader.Fill());
+}
+
+// Bytes this process read from files so far (Linux), or -1.
+int64_t BytesReadSoFar() {
+    std::ifstream io("/proc/self/io");
+    for (std::string key; io >> key;) {
+        int64_t value = 0;
+        io >> value;
+        if (key == "rchar:") return value;
+    }
+    return -1;
+}
+
+// A walker hopping from header to header: with hopping on, the same bytes come
+// back for every read (hops, runs read on, steps back, the end of the file),
+// while what is fetched from the file shrinks to about what was asked for.
+TEST(FileReaderHopping, SameBytesFarLessFetched) {
+    TempDir dir("hopping");
+    const std::string file = RandomBytes(16u << 20, 11);
+    std::ofstream(dir.file("f"), std::ios::binary) << file;
+    struct Read {
+        int64_t offset;
+        size_t size;
+    };
+    std::vector<Read> reads;
+    for (int64_t at = 0; at < int64_t(file.size()); at += 60000) reads.push_back({at, 12});  // headers
+    for (int64_t at = 1000; at < 300000; at += 5000) reads.push_back({at, 5000});            // read on
+    reads.push_back({int64_t(file.size()) - 5, 64});                                          // past the end
+    reads.push_back({123, 70000});                                                            // back, and long
+
+    int64_t fetched[2] = {0, 0};
+    for (bool hopping : {false, true}) {
+        FileReader reader(1u << 20);
+        ASSERT_TRUE(reader.Open(Wide(dir.file("f"))));
+        reader.SetHopping(hopping);
+        const int64_t before = BytesReadSoFar();
+        std::string got;
+        for (const Read& r : reads) {
+            got.assign(r.size, '\0');
+            int64_t n = reader.ReadAt(r.offset, got.data(), r.size);
+            const size_t expected = std::min(r.size, file.size() - size_t(r.offset));
+            ASSERT_EQ(n, int64_t(expected)) << r.offset;
+            ASSERT_EQ(0, std::memcmp(got.data(), file.data() + r.offset, expected)) << r.offset;
+        }
+        fetched[hopping] = BytesReadSoFar() - before;
+    }
+    if (fetched[0] < 0) GTEST_SKIP() << "no /proc/self/io here";
+    EXPECT_GE(fetched[0], int64_t(file.size()));
+    EXPECT_LT(fetched[1], int64_t(file.size()) / 3) << "hopping fetched " << fetched[1];
 }

@@ -36,10 +36,13 @@ void FileReader::Close() {
 
 // Makes [offset, offset + need) resident if the file has it, keeping an overlap
 // with what is already loaded so that forward scans never re-read.
-bool FileReader::Load(int64_t offset) {
+bool FileReader::Load(int64_t offset, size_t need) {
     if (cache_.size() != capacity_) cache_.resize(capacity_);
     size_t kept = 0;
     int64_t cacheEnd = cacheStart_ + int64_t(cacheLength_);
+    // A hop lands away from what is loaded; reading on from it loads in full.
+    const bool hop = hopping_ && cacheLength_ > 0 && (offset > cacheEnd || offset < cacheStart_);
+    const size_t fill = hop ? std::min(capacity_, std::max(need, kHopLoadBytes)) : capacity_;
     if (offset >= cacheStart_ && offset < cacheEnd) {
         kept = size_t(cacheEnd - offset);
         std::memmove(cache_.data(), cache_.data() + (offset - cacheStart_), kept);
@@ -48,8 +51,8 @@ bool FileReader::Load(int64_t offset) {
     cacheLength_ = kept;
     int64_t at = offset + int64_t(kept);
     if (platform::Seek(fd_, at, SEEK_SET) < 0) return false;
-    while (cacheLength_ < capacity_) {
-        uint32_t want = uint32_t(std::min<size_t>(capacity_ - cacheLength_, 1u << 30));
+    while (cacheLength_ < fill) {
+        uint32_t want = uint32_t(std::min<size_t>(fill - cacheLength_, 1u << 30));
         // Sectors known to be bad are not asked for again (nor anything once the
         // device is gone): the read stops short of them and they come as zeros.
         const int64_t bad = faults_->NextUnreadable(at);
@@ -78,7 +81,7 @@ const uint8_t* FileReader::View(int64_t offset, size_t n, size_t& available) {
     bool resident = offset >= cacheStart_ && offset < cacheEnd &&
                     (offset + int64_t(n) <= cacheEnd || cacheEnd >= size_);
     if (!resident) {
-        if (!Load(offset)) return nullptr;
+        if (!Load(offset, n)) return nullptr;
         cacheEnd = cacheStart_ + int64_t(cacheLength_);
     }
     if (offset < cacheStart_ || offset >= cacheEnd) return nullptr;

@@ -38,8 +38,15 @@ public:
     // Copies up to n bytes from offset into dst; returns the count, -1 on error.
     int64_t ReadAt(int64_t offset, void* dst, size_t n);
 
+    // For walkers that hop from header to header over payloads they do not look
+    // at: a read that lands away from what is loaded loads only what it asks for
+    // (at least kHopLoadBytes); reading on from there loads in full again. Only
+    // which bytes are fetched changes.
+    void SetHopping(bool on) { hopping_ = on; }
+    static constexpr size_t kHopLoadBytes = 4u << 10;
+
 private:
-    bool Load(int64_t offset);
+    bool Load(int64_t offset, size_t need);
 
     int fd_ = -1;
     int64_t size_ = 0;
@@ -48,6 +55,7 @@ private:
     int64_t cacheStart_ = 0;
     size_t cacheLength_ = 0;
     bool readError_ = false;
+    bool hopping_ = false;
     std::shared_ptr<ReadFaults> faults_;
     std::unique_ptr<SectorRescue> rescue_;
 };

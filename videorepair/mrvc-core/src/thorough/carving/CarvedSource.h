@@ -29,7 +29,11 @@ class CarvedSource : public PacketSource {
 public:
     CarvedSource() : file_(1u << 20) {}
 
-    bool Open(const std::wstring& path) { return file_.Open(path); }
+    // The carvers walk from header to header before packets are read whole.
+    bool Open(const std::wstring& path) {
+        file_.SetHopping(true);
+        return file_.Open(path);
+    }
     FileReader& File() { return file_; }
 
     // A stream for these parameters (copied); returns its index.

@@ -281,6 +281,7 @@ bool MkvBlockCarver::LearnStreams(const std::wstring& path, CarvedSource& out) {
 void MkvBlockCarver::Number(const std::wstring& headOf, const std::vector<const AVCodecParameters*>& streams,
                             const std::vector<unsigned>& indices) {
     FileReader file(1u << 20);
+    file.SetHopping(true);
     MkvHead head;
     std::string why;
     bool parsed = file.Open(headOf) && MkvHeadParser::Parse(file, head, why);
