@@ -180,6 +180,44 @@ TEST(Mp4PictureOrderTest, PresentationFollowsOrderCounts) {
     for (const Case& c : cases) EXPECT_EQ(thorough::PresentationOrder(c.counts, c.keys), c.expected) << c.name;
 }
 
+// What the order count is read from: the units before the first picture unit
+// whole, and that one's head with its length cut to what was read.
+TEST(Mp4PictureOrderTest, OrderCountHeadKeepsTheSliceHeader) {
+    struct Case {
+        const char* name;
+        Bytes sample;
+        AVCodecID codec;
+        size_t expectedSize;  // 0: the whole sample is needed
+        size_t lengthAt;      // where the picture unit's length field is
+        uint32_t length;      // and what it says in the head
+    };
+    const Bytes big = Idr(20000), seiThenSlice = Prefixed(Nal(0x06, 3900)) + Slice(9000);
+    const Bytes hevc = Prefixed(Nal(0x4e, 30)) + Prefixed(Nal(0x26, 9000));  // SEI, then an IDR_W_RADL slice
+    Bytes lying = Prefixed(Nal(0x65, 10));
+    lying[1] = 0x10;  // longer than the sample
+    const Case cases[] = {
+        {"slice crosses the prefix", big, AV_CODEC_ID_H264, 4096, 14, 4096 - 18},
+        {"slice whole within the prefix", Idr(500) + Slice(9000), AV_CODEC_ID_H264, 14 + 4 + 501, 14, 501},
+        {"too little of the slice read", seiThenSlice, AV_CODEC_ID_H264, 0, 0, 0},
+        {"a length that lies", lying + Bytes(5000, 'x'), AV_CODEC_ID_H264, 0, 0, 0},
+        {"HEVC picture unit", hevc, AV_CODEC_ID_HEVC, 4096, 35, 4096 - 39},
+        {"another codec", big, AV_CODEC_ID_MJPEG, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        const std::string head = thorough::OrderCountHead(reinterpret_cast<const uint8_t*>(c.sample.data()), 4096,
+                                                          c.sample.size(), c.codec, 4);
+        ASSERT_EQ(head.size(), c.expectedSize) << c.name;
+        if (head.empty()) continue;
+        const size_t at = c.lengthAt;
+        EXPECT_EQ(uint32_t(uint8_t(head[at])) << 24 | uint32_t(uint8_t(head[at + 1])) << 16 |
+                      uint32_t(uint8_t(head[at + 2])) << 8 | uint8_t(head[at + 3]),
+                  c.length)
+            << c.name;
+        EXPECT_EQ(head.substr(0, at), c.sample.substr(0, at)) << c.name;
+        EXPECT_EQ(head.substr(at + 4), c.sample.substr(at + 4, head.size() - at - 4)) << c.name;
+    }
+}
+
 // Damage takes spans of both tracks, seldom the same: 4 s at 25 fps with
 // 1024-sample AAC frames interleaved by time, as a fine-grained writer does.
 // Across the gaps the tracks are given back their lost spans and stay within

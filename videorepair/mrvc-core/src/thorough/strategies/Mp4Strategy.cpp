@@ -44,18 +44,34 @@ const char* CodecName(AVCodecID codec) {
     return name != nullptr ? name : "unknown";
 }
 
+// Each video sample's order count, read from its first bytes where they hold the
+// whole slice header (the usual case): a second read of all the media data
+// would cost as much as the walk that found it.
+int OrderCountOf(PictureOrderReader& reader, const CarvedSample& s, const VideoShape& shape, FileReader& file,
+                 std::string& bytes) {
+    constexpr size_t kPrefixBytes = 4096;
+    bytes.resize(std::min<size_t>(s.size, kPrefixBytes));
+    if (file.ReadAt(s.offset, bytes.data(), bytes.size()) != int64_t(bytes.size())) return PictureOrderReader::kUnknown;
+    std::string head = bytes.size() < s.size ? OrderCountHead(reinterpret_cast<const uint8_t*>(bytes.data()),
+                                                              bytes.size(), s.size, shape.codec, shape.lengthSize)
+                                             : std::string();
+    if (head.empty() && bytes.size() < s.size) {
+        bytes.resize(s.size);
+        if (file.ReadAt(s.offset, bytes.data(), s.size) != int64_t(s.size)) return PictureOrderReader::kUnknown;
+    }
+    const std::string& unit = head.empty() ? bytes : head;
+    return reader.OrderCount(reinterpret_cast<const uint8_t*>(unit.data()), unit.size());
+}
+
 std::vector<int64_t> PresentationOf(const std::vector<CarvedSample>& samples, const AVCodecParameters* video,
-                                    FileReader& file) {
+                                    const VideoShape& shape, FileReader& file) {
     PictureOrderReader reader(video);
     std::vector<int> counts;
     std::vector<bool> keys;
     std::string bytes;
     for (const CarvedSample& s : samples) {
         if (!s.video) continue;
-        bytes.resize(s.size);
-        bool read = file.ReadAt(s.offset, bytes.data(), s.size) == int64_t(s.size);
-        counts.push_back(read ? reader.OrderCount(reinterpret_cast<const uint8_t*>(bytes.data()), s.size)
-                              : PictureOrderReader::kUnknown);
+        counts.push_back(OrderCountOf(reader, s, shape, file, bytes));
         keys.push_back(s.key);
     }
     return PresentationOrder(counts, keys);
@@ -68,6 +84,7 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
     remark_.clear();
     auto file = std::make_unique<FileReader>();
     if (!file->Open(damagedPath)) return nullptr;
+    file->SetHopping(true);  // the order counts are read from the first bytes of each picture
     const std::vector<iso::Box> boxes = iso::TopLevelBoxes(*file);
     // A whole index (or a fragmented file's) read by the file's own demuxer knows
     // every sample exactly, and the samples the file still holds were read;
@@ -109,7 +126,7 @@ std::unique_ptr<PacketSource> Mp4Strategy::Carve(const std::wstring& damagedPath
                   ") was not found in the damaged file: the video is kept without sound";
         VR_LOG(log, kLogWarning, "[Mp4] " + remark_, 0);
     }
-    std::vector<int64_t> presentation = PresentationOf(samples, videoTrack.parameters.get(), *file);
+    std::vector<int64_t> presentation = PresentationOf(samples, videoTrack.parameters.get(), layout.video, *file);
     const bool fine = layout.longestAudioRunSeconds > 0 && layout.longestAudioRunSeconds <= kFineInterleaveSeconds;
     return std::make_unique<CarvedPackets>(std::move(file), std::move(videoTrack), std::move(audioTrack),
                                            std::move(samples), presentation, walker.Skipped(), fine);

@@ -26,6 +26,41 @@ int PictureOrderReader::OrderCount(const uint8_t* data, size_t size) {
     return outSize > 0 ? parser_->output_picture_number : kUnknown;
 }
 
+namespace {
+
+// A slice header, order count included, lies well within its first bytes.
+constexpr size_t kSliceHeadBytes = 1024;
+
+bool IsPictureUnit(AVCodecID codec, uint8_t header) {
+    if (codec == AV_CODEC_ID_H264) return (header & 0x1f) >= 1 && (header & 0x1f) <= 5;
+    return ((header >> 1) & 0x3f) < 32;  // HEVC: the VCL unit types
+}
+
+}  // namespace
+
+std::string OrderCountHead(const uint8_t* prefix, size_t got, size_t sampleSize, AVCodecID codec, int lengthSize) {
+    if ((codec != AV_CODEC_ID_H264 && codec != AV_CODEC_ID_HEVC) || lengthSize < 1 || lengthSize > 4) return {};
+    const size_t prefixBytes = size_t(lengthSize);
+    for (size_t at = 0; at + prefixBytes < got;) {
+        uint64_t length = 0;
+        for (size_t i = 0; i < prefixBytes; ++i) length = length << 8 | prefix[at + i];
+        const size_t start = at + prefixBytes;
+        if (length == 0 || length > sampleSize - start) return {};
+        const bool picture = IsPictureUnit(codec, prefix[start]);
+        if (start + length <= got) {
+            if (picture) return std::string(reinterpret_cast<const char*>(prefix), start + length);
+            at = start + size_t(length);
+            continue;
+        }
+        const size_t kept = got - start;
+        if (!picture || kept < kSliceHeadBytes || (prefixBytes < 4 && kept >> (8 * prefixBytes) != 0)) return {};
+        std::string head(reinterpret_cast<const char*>(prefix), got);
+        for (size_t i = 0; i < prefixBytes; ++i) head[at + i] = char(kept >> (8 * (prefixBytes - 1 - i)));
+        return head;
+    }
+    return {};
+}
+
 std::vector<int64_t> PresentationOrder(const std::vector<int>& orderCounts, const std::vector<bool>& keys) {
     const size_t n = orderCounts.size();
     std::vector<int64_t> place(n);

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "thorough/AvHandles.h"
@@ -28,6 +29,13 @@ private:
     AVCodecParserContext* parser_ = nullptr;
     CodecPtr context_;
 };
+
+// What of a length-prefixed H.264 or HEVC sample its order count needs, from the
+// first `got` bytes of a sample of sampleSize: the units before its first picture
+// unit, whole, and the head of that one (its length cut to what is kept). Empty
+// when those bytes do not reach far enough, or the sample is not so framed:
+// then the whole sample is needed.
+std::string OrderCountHead(const uint8_t* prefix, size_t got, size_t sampleSize, AVCodecID codec, int lengthSize);
 
 // Each sample's place in presentation order, from the order counts in decoding
 // order. A key picture whose count falls below its group's highest opens a new
