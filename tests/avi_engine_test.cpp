@@ -140,7 +140,9 @@ TEST_P(AviWalk, IndexesEveryChunkFound) {
     EXPECT_EQ(run.engine.MoviOffset(), c.moviOffset);
     EXPECT_EQ(run.engine.MoviTentative(), c.tentative);
     ExpectEntries(run.engine.IndexEntries(), c.entries);
-    if (c.moviSize != 0) EXPECT_EQ(run.engine.MoviSize(), c.moviSize);
+    if (c.moviSize != 0) {
+        EXPECT_EQ(run.engine.MoviSize(), c.moviSize);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, AviWalk, ::testing::ValuesIn(kWalkCases),

@@ -244,7 +244,9 @@ TEST_P(MkvScan, KeepsTheWholeBlocksOfValidClusters) {
         EXPECT_EQ(clusters[i].timestamp, c.clusters[i].timestamp) << i;
         EXPECT_EQ(clusters[i].cut, c.clusters[i].cut) << i;
         EXPECT_EQ(Bytes(clusters[i].ranges), c.clusters[i].bytes) << i;
-        if (c.clusters[i].ranges != 0) EXPECT_EQ(clusters[i].ranges.size(), c.clusters[i].ranges) << i;
+        if (c.clusters[i].ranges != 0) {
+            EXPECT_EQ(clusters[i].ranges.size(), c.clusters[i].ranges) << i;
+        }
         cut += c.clusters[i].cut ? 1 : 0;
     }
     EXPECT_EQ(scanner_->CutCount(), cut);

@@ -170,7 +170,7 @@ void TransportStreamCleaner::Inject() {
         map_.AddPutIn(ts::kPacketBytes);
         Append(packet.data());
     }
-    putIn_.push_back({cursor_, int64_t(tables_.Packets().size()) * ts::kPacketBytes, RangeKind::kRestored,
+    putIn_.push_back({cursor_, int64_t(tables_.Packets().size() * ts::kPacketBytes), RangeKind::kRestored,
                       "PAT and PMT from the sample"});
     injected_ = true;
     VR_LOG(log_, kLogInfo, "PAT/PMT from the sample put in front", int32_t(tables_.Packets().size()));
