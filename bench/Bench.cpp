@@ -205,6 +205,9 @@ struct Result {
     double mb = 0, load = 0;
     double cat = 0, cp = 0, ffmpeg = 0, ours = 0, oursPass = 0, oursChildCpu = 0, oursLoad = 0, cancel = -1;
     double thorough = 0, thoroughJudge = 0;
+    // CPU seconds (user + system), and what the thorough repair read and wrote.
+    double cpCpu = 0, ffmpegCpu = 0, thoroughCpu = 0;
+    double thoroughReadGB = -1, thoroughWrittenGB = -1;
     long catKiB = 0, cpKiB = 0, ffmpegKiB = 0, oursKiB = 0, oursChildKiB = 0, thoroughKiB = 0;
     std::string thoroughVerdict = "fail";
     bool repaired = false;
@@ -242,7 +245,8 @@ std::string RunOurs(const std::string& self, const std::string& library, const I
 
 // One thorough repair, written into the scratch folder (nothing beside the input).
 void RunThorough(const std::string& self, const std::string& library, const Input& in, const std::string& scratch,
-                 const std::string& extension, Result& r, std::vector<double>& total, std::vector<double>& judge) {
+                 const std::string& extension, Result& r, std::vector<double>& total, std::vector<double>& judge,
+                 std::vector<double>& cpu) {
     std::string listing = scratch + "/thorough.txt", output = scratch + "/thorough." + extension;
     Measurement m = Run({self, "--child", "thorough", library, in.damaged, in.sample, output}, listing);
     std::ifstream list(listing);
@@ -252,7 +256,11 @@ void RunThorough(const std::string& self, const std::string& library, const Inpu
     std::istringstream verdict(TaggedLine(text, "vr_bench-thorough"));
     int rc = -1;
     verdict >> rc >> r.thoroughVerdict;
+    double read = -1, written = -1;
+    std::istringstream(TaggedLine(text, "vr_bench-io")) >> read >> written;
+    if (read >= 0) r.thoroughReadGB = read / 1e9, r.thoroughWrittenGB = written / 1e9;
     total.push_back(m.seconds);
+    cpu.push_back(m.cpuSeconds);
     judge.push_back(judgeSeconds);
     r.thoroughKiB = std::max(r.thoroughKiB, m.peakKiB);
     fs::remove(output);
@@ -282,7 +290,7 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
     r.thoroughWithinFfmpeg = row.thoroughWithinFfmpeg;
     r.load = std::atof(LoadText().c_str());
     r.mb = double(fs::file_size(in.damaged)) / 1e6;
-    std::vector<double> cat, cp, ff, ours, pass, childCpus, loads, thorough, judge;
+    std::vector<double> cat, cp, ff, ours, pass, childCpus, loads, thorough, judge, cpCpu, ffCpu, thoroughCpu;
     for (int i = 0; i < runs; ++i) {
         Settle();
         Measurement m = Run({"cat", in.damaged});
@@ -291,6 +299,7 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
         Settle();
         m = Run({"cp", in.damaged, scratch + "/copy"});
         cp.push_back(m.seconds);
+        cpCpu.push_back(m.cpuSeconds);
         r.cpKiB = std::max(r.cpKiB, m.peakKiB);
         fs::remove(scratch + "/copy");
         std::string ffOut = scratch + "/ffcopy." + row.extension;
@@ -298,6 +307,7 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
         m = Run({"ffmpeg", "-nostdin", "-loglevel", "error", "-y", "-err_detect", "ignore_err", "-i", in.damaged, "-c",
                  "copy", ffOut});
         ff.push_back(m.seconds);
+        ffCpu.push_back(m.cpuSeconds);
         r.ffmpegKiB = std::max(r.ffmpegKiB, m.peakKiB);
         fs::remove(ffOut);
         if (row.compatible) {
@@ -308,10 +318,11 @@ Result Measure(const Row& row, const std::string& self, const std::string& libra
             CleanBeside(in);
         }
         Settle();
-        RunThorough(self, library, in, scratch, row.extension, r, thorough, judge);
+        RunThorough(self, library, in, scratch, row.extension, r, thorough, judge, thoroughCpu);
         CleanBeside(in);
     }
     r.thorough = Median(thorough), r.thoroughJudge = Median(judge);
+    r.cpCpu = Median(cpCpu), r.ffmpegCpu = Median(ffCpu), r.thoroughCpu = Median(thoroughCpu);
     r.cat = Median(cat), r.cp = Median(cp), r.ffmpeg = Median(ff), r.ours = Median(ours), r.oursPass = Median(pass);
     r.oursChildCpu = Median(childCpus);
     r.oursLoad = Median(loads);
@@ -383,12 +394,17 @@ void Report(const std::vector<Result>& results, const std::string& outDir, long 
            << (r.repaired ? Fixed(100 * r.keptShare, 1) + "%" : std::string("not repaired")) << " |\n";
     }
     md << "\n## Thorough repair\n\nIn process, written into another folder; the judge's share is its time "
-          "spent counting and decoding what each candidate holds.\n\n| engine | thorough s | of which judge s | "
-          "thorough without judge / ffmpeg copy | peak RSS MiB | verdict |\n|---|---|---|---|---|---|\n";
+          "spent counting and decoding what each candidate holds. CPU seconds are user and system time; where a "
+          "virtual machine makes page-cache writes slow at times, they and the bytes moved tell more than the "
+          "clock.\n\n| engine | thorough s | of which judge s | thorough without judge / ffmpeg copy | CPU s cp / "
+          "ffmpeg copy / thorough | thorough read + written GB | peak RSS MiB | verdict |\n"
+          "|---|---|---|---|---|---|---|---|\n";
     for (const Result& r : results) {
         md << "| " << r.name << " | " << Fixed(r.thorough, 2) << " | " << Fixed(r.thoroughJudge, 2) << " | "
-           << Fixed((r.thorough - r.thoroughJudge) / r.ffmpeg, 2) << " | " << r.thoroughKiB / 1024 << " | "
-           << r.thoroughVerdict << " |\n";
+           << Fixed((r.thorough - r.thoroughJudge) / r.ffmpeg, 2) << " | " << Fixed(r.cpCpu, 2) << " / "
+           << Fixed(r.ffmpegCpu, 2) << " / " << Fixed(r.thoroughCpu, 2) << " | " << Fixed(r.thoroughReadGB, 2)
+           << " + " << Fixed(r.thoroughWrittenGB, 2) << " | " << r.thoroughKiB / 1024 << " | " << r.thoroughVerdict
+           << " |\n";
     }
     md << "\n## Targets\n\n| engine | targets |\n|---|---|\n";
     for (const Result& r : results) md << "| " << r.name << " | " << TargetText(r) << " |\n";

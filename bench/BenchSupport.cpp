@@ -57,6 +57,8 @@ Measurement Run(const std::vector<std::string>& argv, const std::string& stdoutP
     }
     m.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     m.peakKiB = usage.ru_maxrss;
+    m.cpuSeconds = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                   double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     m.exitCode = WIFEXITED(status) && !m.timedOut ? WEXITSTATUS(status) : -1;
     return m;
 }

@@ -10,6 +10,7 @@ namespace bench {
 struct Measurement {
     double seconds = 0;
     long peakKiB = 0;  // the child's own peak resident set (wait4)
+    double cpuSeconds = 0;  // its user and system time (wait4)
     int exitCode = -1;
     bool timedOut = false;  // killed (with the programs it started) at the time limit
 };
