@@ -142,7 +142,8 @@ std::vector<Candidate> ThoroughRepair::CarverFirst(const SampleModel& sample, As
     ThoroughMediaCount remuxBound = TakeAsIsCount(counter, asIs);
     if (control_.ShouldStop()) return candidates;
     Candidate& carved = candidates.front();
-    if (carved.usable && !strategy_->CarvedAdds(carved.count, CarveContext{asIsReadsOwnFormat_, asIs.count, nullptr, {}})) {
+    const CarveContext counted{asIsReadsOwnFormat_, asIs.count, nullptr, {}};
+    if (carved.usable && !strategy_->CarvedAdds(carved.count, counted)) {
         Log(kLogInfo, "[Thorough] the carver's file adds nothing to the file as it is:", CountText(carved.count));
         carved.usable = false;
     }

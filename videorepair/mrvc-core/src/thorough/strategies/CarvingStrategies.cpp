@@ -37,9 +37,11 @@ std::unique_ptr<PacketSource> FlvStrategy::Carve(const std::wstring& damagedPath
     return IfItAdds(FlvTagCarver(sample).Carve(damagedPath), context);
 }
 
+// Asked before the file as it is was counted (the carver leads): whether the
+// carved file adds anything is told afterwards, by CarvedAdds.
 std::unique_ptr<PacketSource> MkvStrategy::Carve(const std::wstring& damagedPath, const SampleModel& sample,
-                                                 const CarveContext& context, RepairLog*) {
-    return IfItAdds(MkvBlockCarver(sample).Carve(damagedPath), context);
+                                                 const CarveContext&, RepairLog*) {
+    return MkvBlockCarver(sample).Carve(damagedPath);
 }
 
 // The remux keeps what the carver does not look for (subtitles, chapters, tags):
