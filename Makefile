@@ -48,10 +48,11 @@ ASAN_BUILD_DIR ?= build-asan
 TSAN_BUILD_DIR ?= build-tsan
 FUZZ_BUILD_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 60
-# The tests that run threads against each other: pause/resume/cancel, the manager, logs.
+# The tests that run threads against each other: pause/resume/cancel, the manager, logs,
+# and the thorough repair counting the damaged file beside its carver.
 # The tool's Ctrl-C tests stay out: ThreadSanitizer holds a signal back until the
 # thread that gets it leaves a blocking call, so what they time never happens there.
-TSAN_TESTS ?= Pause|Resume|Cancel|Stop|Thread|Concurren|Manager|CarvingControl|EngineBase
+TSAN_TESTS ?= Pause|Resume|Cancel|Stop|Thread|Concurren|Manager|CarvingControl|EngineBase|ThoroughCandidates
 TSAN_SKIP ?= CliSignals|CtrlC
 SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:check_initialization_order=1:detect_stack_use_after_return=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
