@@ -29,6 +29,10 @@ bool KlvWalker::WholeAt(int64_t at, Klv& klv) {
     const uint8_t* head = file_.View(at, kHeadBytes, available);
     if (head == nullptr || !ReadKlv(head, available, at, klv) || klv.End() > file_.Size()) return false;
     if (klv.End() == file_.Size()) return true;
+    // The whole triplet and the key behind it loaded at once: a peek past the end
+    // alone would load from there, and reading the value would load it again.
+    const int64_t span = klv.End() + 4 - at;
+    if (span <= int64_t(file_.MaxView())) file_.View(at, size_t(span), available);
     const uint8_t* next = file_.View(klv.End(), 4, available);
     return (next != nullptr && StartsKey(next, available)) || !HoldsKey(klv);
 }
