@@ -23,16 +23,19 @@ std::string RandomBytes(size_t n, uint32_t seed) {
     return bytes;
 }
 
-// Read calls this process made so far (Linux), or -1 where that is not known.
-int64_t ReadCallsSoFar() {
+// One of this process's I/O counters (Linux's /proc/self/io), or -1 where that
+// is not known.
+int64_t IoCounter(const std::string& name) {
     std::ifstream io("/proc/self/io");
     for (std::string key; io >> key;) {
         int64_t value = 0;
         io >> value;
-        if (key == "syscr:") return value;
+        if (key == name) return value;
     }
     return -1;
 }
+int64_t ReadCallsSoFar() { return IoCounter("syscr:"); }
+int64_t BytesReadSoFar() { return IoCounter("rchar:"); }
 
 ::testing::AssertionResult WindowMatches(PositionedReader& reader, const std::string& file, size_t window) {
     const int64_t position = reader.Position();
@@ -120,17 +123,6 @@ TEST(PositionedReader, EmptyAndMissingFiles) {
     EXPECT_EQ(reader.Remaining(), 0);
     EXPECT_FALSE(reader.Open(dir.wfile("missing.bin")));
     EXPECT_FALSE(reader.Fill());
-}
-
-// Bytes this process read from files so far (Linux), or -1.
-int64_t BytesReadSoFar() {
-    std::ifstream io("/proc/self/io");
-    for (std::string key; io >> key;) {
-        int64_t value = 0;
-        io >> value;
-        if (key == "rchar:") return value;
-    }
-    return -1;
 }
 
 // A walker hopping from header to header: with hopping on, the same bytes come
