@@ -23,17 +23,8 @@ std::string RandomBytes(size_t n, uint32_t seed) {
     return bytes;
 }
 
-// One of this process's I/O counters (Linux's /proc/self/io), or -1 where that
-// is not known.
-int64_t IoCounter(const std::string& name) {
-    std::ifstream io("/proc/self/io");
-    for (std::string key; io >> key;) {
-        int64_t value = 0;
-        io >> value;
-        if (key == name) return value;
-    }
-    return -1;
-}
+using testing_support::IoCounter;
+
 int64_t ReadCallsSoFar() { return IoCounter("syscr:"); }
 int64_t BytesReadSoFar() { return IoCounter("rchar:"); }
 

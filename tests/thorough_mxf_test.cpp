@@ -64,6 +64,24 @@ std::vector<Carved> CarveMxf(const Bytes& file) {
     return out;
 }
 
+// Picture values far larger than the walker's peek, across many loads of its
+// cache: every byte of the file is fetched about once, not once for the peek
+// past a triplet and again for its value.
+TEST(MxfCarverTest, CarvingReadsTheFileOnce) {
+    if (testing_support::IoCounter("rchar:") < 0) GTEST_SKIP() << "no /proc/self/io here";
+    Bytes file;
+    for (int unit = 0; unit < 80; ++unit) {
+        Bytes p = Klv(kElementKey, kPictureTrack, Filled(300000 + size_t(unit), uint8_t(unit)));
+        Bytes s = Klv(kElementKey, kSoundTrack, Filled(1920, uint8_t(unit + 1)));
+        file.insert(file.end(), p.begin(), p.end());
+        file.insert(file.end(), s.begin(), s.end());
+    }
+    const int64_t before = testing_support::IoCounter("rchar:");
+    EXPECT_EQ(CarveMxf(file).size(), 160u);
+    const int64_t fetched = testing_support::IoCounter("rchar:") - before;
+    EXPECT_LT(fetched, int64_t(file.size()) * 5 / 4) << "fetched " << fetched << " of " << file.size();
+}
+
 struct MxfCase {
     const char* name;
     void (*damage)(Bytes& file, const std::vector<size_t>& packageAt);

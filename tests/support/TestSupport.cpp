@@ -117,4 +117,14 @@ void RecordingObserver::Add(const std::string& e) {
     events_.push_back(e);
 }
 
+int64_t IoCounter(const std::string& name) {
+    std::ifstream io("/proc/self/io");
+    for (std::string key; io >> key;) {
+        int64_t value = 0;
+        io >> value;
+        if (key == name) return value;
+    }
+    return -1;
+}
+
 }  // namespace testing_support

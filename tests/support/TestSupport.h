@@ -46,6 +46,10 @@ int CountDecodedVideoFrames(const std::string& path);
 // The folder of the test executables, beside which the ffmpeg link lives.
 std::string BinDir();
 
+// One of this process's I/O counters ("rchar:", "syscr:", ... from Linux's
+// /proc/self/io), or -1 where that is not known.
+int64_t IoCounter(const std::string& name);
+
 // Records every observer call in order, as strings like "start", "p0:5", "finish".
 class RecordingObserver : public IVideoRepairObserver {
 public:
